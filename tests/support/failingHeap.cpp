@@ -1,0 +1,210 @@
+// failingHeap.cpp - steps between the library and the heap: on Linux the program's own malloc comes first for every module,
+// on Windows the library's import table is redirected.
+
+#include "support/failingHeap.h"
+
+#include <cstring>
+
+namespace kor::test {
+namespace {
+
+struct Plan {
+    uint64_t requests = 0;    // seen so far
+    uint64_t failing = 0;     // first one to fail, 0 = none
+    uint64_t run = 0;         // how many fail
+    bool armed = false;
+    bool fired = false;
+};
+
+thread_local Plan plan;
+
+// True if the heap is to refuse this request.
+bool refuse()
+{
+    if (!plan.armed) {
+        return false;
+    }
+    uint64_t number = ++plan.requests;
+    bool refused = number >= plan.failing && number - plan.failing < plan.run;
+    plan.fired |= refused;
+    return refused;
+}
+
+} // namespace
+} // namespace kor::test
+
+#ifdef _WIN32
+
+#include <malloc.h>
+#include <windows.h>
+
+namespace kor::test {
+namespace {
+
+void* failingMalloc(size_t size)
+{
+    return refuse() ? nullptr : malloc(size);
+}
+void* failingCalloc(size_t count, size_t size)
+{
+    return refuse() ? nullptr : calloc(count, size);
+}
+void* failingRealloc(void* pointer, size_t size)
+{
+    return refuse() ? nullptr : realloc(pointer, size);
+}
+char* failingStrdup(const char* text)
+{
+    return refuse() ? nullptr : _strdup(text);
+}
+void* failingAlignedMalloc(size_t size, size_t alignment)
+{
+    return refuse() ? nullptr : _aligned_malloc(size, alignment);
+}
+
+struct Redirection {
+    const char* name;
+    void* target;
+};
+
+const Redirection redirections[] = {
+    {"malloc", reinterpret_cast<void*>(failingMalloc)},
+    {"calloc", reinterpret_cast<void*>(failingCalloc)},
+    {"realloc", reinterpret_cast<void*>(failingRealloc)},
+    {"_strdup", reinterpret_cast<void*>(failingStrdup)},
+    {"strdup", reinterpret_cast<void*>(failingStrdup)},
+    {"_aligned_malloc", reinterpret_cast<void*>(failingAlignedMalloc)},
+};
+
+void redirect(IMAGE_THUNK_DATA* slot, const char* name)
+{
+    for (const Redirection& redirection : redirections) {
+        if (std::strcmp(redirection.name, name) == 0) {
+            DWORD before;
+            VirtualProtect(slot, sizeof *slot, PAGE_READWRITE, &before);
+            slot->u1.Function = reinterpret_cast<ULONGLONG>(redirection.target);
+            VirtualProtect(slot, sizeof *slot, before, &before);
+        }
+    }
+}
+
+// Walks a module's import table and puts the wrappers in the place of the heap's functions.
+void redirectImports(HMODULE module)
+{
+    auto* base = reinterpret_cast<uint8_t*>(module);
+    auto* headers = reinterpret_cast<IMAGE_NT_HEADERS*>(base + reinterpret_cast<IMAGE_DOS_HEADER*>(base)->e_lfanew);
+    DWORD directory = headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
+    auto* import = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + directory);
+    for (; import->Name != 0; import++) {
+        auto* name = reinterpret_cast<IMAGE_THUNK_DATA*>(base + import->OriginalFirstThunk);
+        auto* slot = reinterpret_cast<IMAGE_THUNK_DATA*>(base + import->FirstThunk);
+        for (; name->u1.AddressOfData != 0; name++, slot++) {
+            if (!IMAGE_SNAP_BY_ORDINAL(name->u1.Ordinal)) {
+                redirect(slot, reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + name->u1.AddressOfData)->Name);
+            }
+        }
+    }
+}
+
+void install()
+{
+    static bool installed = (redirectImports(GetModuleHandleA("korutil.dll")),
+                             redirectImports(GetModuleHandleA(nullptr)), true);
+    (void)installed;
+}
+
+} // namespace
+} // namespace kor::test
+
+#else
+
+// The heap behind this one: a sanitizer's if the program has one, else the C library's.
+extern "C" {
+__attribute__((weak)) void* __interceptor_malloc(size_t size);
+__attribute__((weak)) void* __interceptor_calloc(size_t count, size_t size);
+__attribute__((weak)) void* __interceptor_realloc(void* pointer, size_t size);
+__attribute__((weak)) int __interceptor_posix_memalign(void** result, size_t alignment, size_t size);
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* pointer, size_t size);
+void* __libc_memalign(size_t alignment, size_t size);
+
+void* malloc(size_t size)
+{
+    if (kor::test::refuse()) {
+        return nullptr;
+    }
+    return __interceptor_malloc != nullptr ? __interceptor_malloc(size) : __libc_malloc(size);
+}
+
+void* calloc(size_t count, size_t size)
+{
+    if (kor::test::refuse()) {
+        return nullptr;
+    }
+    return __interceptor_calloc != nullptr ? __interceptor_calloc(count, size) : __libc_calloc(count, size);
+}
+
+void* realloc(void* pointer, size_t size)
+{
+    if (kor::test::refuse()) {
+        return nullptr;
+    }
+    return __interceptor_realloc != nullptr ? __interceptor_realloc(pointer, size) : __libc_realloc(pointer, size);
+}
+
+int posix_memalign(void** result, size_t alignment, size_t size)
+{
+    if (kor::test::refuse()) {
+        return ENOMEM;
+    }
+    if (__interceptor_posix_memalign != nullptr) {
+        return __interceptor_posix_memalign(result, alignment, size);
+    }
+    *result = __libc_memalign(alignment, size);
+    return *result == nullptr ? ENOMEM : 0;
+}
+}
+
+namespace kor::test {
+static void install() {}
+} // namespace kor::test
+
+#endif
+
+namespace kor::test {
+
+FailingHeap::FailingHeap(uint64_t failing, uint64_t run)
+{
+    install();
+    plan = {0, failing, run, true, false};
+}
+
+FailingHeap::~FailingHeap()
+{
+    plan.armed = false;
+}
+
+bool FailingHeap::fired() const
+{
+    return plan.fired;
+}
+
+uint64_t sweepFailures(korEx* ex, const std::function<void()>& scenario)
+{
+    constexpr uint64_t limit = 100000; // a scenario that needs more is a mistake
+    for (uint64_t failing = 1; failing < limit; failing++) {
+        FailingHeap heap(failing);
+        scenario();
+        if (!heap.fired()) {
+            EXPECT_TRUE(clean(ex));
+            return failing - 1;
+        }
+        EXPECT_TRUE(ex->code == KOR_ERROR_NO_MEMORY || ex->code == 0) << describe(ex);
+        korEx_Clear(ex);
+    }
+    ADD_FAILURE() << "the scenario never ran through";
+    return limit;
+}
+
+} // namespace kor::test
