@@ -58,7 +58,7 @@
 /// Adds and gives the value before.
 #define KOR_ATOMIC_ADD(pointer, value) __atomic_fetch_add(pointer, value, __ATOMIC_SEQ_CST)
 /// Compare-and-swap: true if `*pointer` was `*expected` and is now `desired`; else `*expected` is what stood there.
-#define KOR_ATOMIC_CAS(pointer, expected, desired)                                                                     \
+#define KOR_ATOMIC_CAS(pointer, expected, desired) \
     __atomic_compare_exchange_n(pointer, expected, desired, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST)
 
 #endif

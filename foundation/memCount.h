@@ -1,0 +1,11 @@
+// memCount.h - the count of bytes handed out: the memory reserve's chunks, and everything under the debug allocator.
+
+#pragma once
+
+#include <cstdint>
+
+namespace kor {
+
+extern uint64_t gMemBytesAllocated; ///< atomic
+
+} // namespace kor
