@@ -4,8 +4,7 @@
 
 #include <cstdint>
 
-namespace kor::platform
-{
+namespace kor::platform {
 
 int64_t wallMilliseconds();      ///< since the first second of 1970, UTC; follows the system's clock
 uint64_t monotonicNanoseconds(); ///< since some fixed moment; never goes back, is not set
@@ -19,7 +18,7 @@ struct LocalTime {
     int32_t year;
     uint8_t month, day, hour, minute, second;
 };
-/// Breaks seconds since 1970 down in the process's time zone; false if the year has no number.
+/// Breaks seconds since 1970 down in the process's time zone; false if the system's calendar does not reach them.
 bool localTime(int64_t seconds, LocalTime& local);
 
 void sleepMilliseconds(uint32_t milliseconds); ///< at least that long, whatever interrupts it; 0 gives way to others

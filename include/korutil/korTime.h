@@ -39,8 +39,8 @@ KOR_API void _kor_GetCurrentTimeAsDouble(double* seconds);
 /// The current time in milliseconds.
 KOR_API uint64_t _kor_GetCurrentMilliseconds(void);
 
-/// Breaks an instant down in the process's time zone, which is the one at the first use. An instant whose year has no
-/// 32-bit number gives a record of zeros.
+/// Breaks an instant down in the process's time zone, which is the one at the first use. An instant that the system's
+/// calendar does not reach (on Windows before 1970 and after 3000) gives a record of zeros.
 KOR_API void _kor_GetLocalTime(const korTime* time, korDateTime* local);
 
 /// Breaks the current time down in the process's time zone.
