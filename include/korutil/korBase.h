@@ -41,9 +41,9 @@
 
 /// Lets the compiler check a printf-like function's arguments. The formats are those of C99 on every platform.
 #if defined(_WIN32) && !defined(__clang__)
-#define KOR_PRINTF(format, arguments) __attribute__((format(gnu_printf, format, arguments)))
+#define KOR_PRINTF(text, arguments) __attribute__((__format__(__gnu_printf__, text, arguments)))
 #else
-#define KOR_PRINTF(format, arguments) __attribute__((format(printf, format, arguments)))
+#define KOR_PRINTF(text, arguments) __attribute__((__format__(__printf__, text, arguments)))
 #endif
 
 /// Atomic access to plain integers in public records, for the in-line routines of these headers (C and C++ alike).
