@@ -1,7 +1,7 @@
 // korAlloc.cpp - how the allocation family decides between the plain heap and the debug allocator.
 //
-// The first allocation of a process finds gMemNoDebug at 0 and comes here; the configuration is read once, and from then on
-// the in-line routines take the plain path without a call.
+// The first allocation of a process finds gMemNoDebug at 0 and comes here; the configuration is read once, and from
+// then on the in-line routines take the plain path without a call.
 
 #include "korutil/korAlloc.h"
 #include "foundation/memCount.h"
@@ -20,7 +20,8 @@ uint64_t gMemBytesAllocated = 0;
 
 namespace {
 
-// Decides once for the process. The debug allocator is not part of this build yet, so every configuration leaves it off.
+// Decides once for the process. The debug allocator is not part of this build yet, so every configuration leaves it
+// off.
 void initTrack()
 {
     std::atomic_ref(gMemNoDebug).store(1);

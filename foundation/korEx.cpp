@@ -1,7 +1,7 @@
 // korEx.cpp - exception objects: raising, travelling along a chain, texts, call keys.
 //
-// A frame is read only inside [baseDepth, frameCount) of an object that holds an error: nothing else is known to have been
-// written. Everything here works with no open call at all.
+// A frame is read only inside [baseDepth, frameCount) of an object that holds an error: nothing else is known to have
+// been written. Everything here works with no open call at all.
 
 #include "korutil/korEx.h"
 #include "korutil/korAlloc.h"
@@ -22,8 +22,8 @@ constexpr const char* nullText = "Exception is NULL.\n";
 const char* tableWord(int32_t code)
 {
     switch (code) {
-#define KOR_ERROR_CASE(name, number, word)                                                                             \
-    case name:                                                                                                         \
+#define KOR_ERROR_CASE(name, number, word) \
+    case name:                             \
         return word;
         KOR_ERROR_CODES(KOR_ERROR_CASE)
 #undef KOR_ERROR_CASE
@@ -405,7 +405,8 @@ int32_t _korEx_PrintErrInfo(const korEx* ex, char* buffer, int32_t size)
     auto room = static_cast<uint32_t>(size);
     uint32_t length = ex->description != nullptr ? _kor_snprintf(buffer, room, "%s", ex->description) : 0;
     if (ex->code != KOR_ERROR_OS) {
-        length += _kor_snprintf(buffer + length, room - length, " (Error Code = %d: %s)", ex->code, kor::wordOf(ex->code));
+        length +=
+            _kor_snprintf(buffer + length, room - length, " (Error Code = %d: %s)", ex->code, kor::wordOf(ex->code));
         return static_cast<int32_t>(length);
     }
     length += _kor_snprintf(buffer + length, room - length, " (OS Error Code = %d: ", ex->osError);

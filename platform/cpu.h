@@ -20,7 +20,7 @@ struct CpuId {
 };
 CpuId cpuId(uint32_t leaf);
 
-uint64_t timeStampCounter();   ///< RDTSC
-uint32_t activeProcessors();   ///< processors that are on line, of all groups; at least 1
+uint64_t timeStampCounter(); ///< RDTSC
+uint32_t activeProcessors(); ///< processors that are on line, of all groups; at least 1
 
 } // namespace kor::platform

@@ -8,12 +8,12 @@ namespace kor::platform {
 
 /// The calling thread's last-error values: errno, and on Windows the thread's two.
 struct LastErrors {
-    int runtime;      ///< errno
-    uint32_t system;  ///< GetLastError, 0 on Linux
-    int32_t sockets;  ///< WSAGetLastError, 0 on Linux
+    int runtime;     ///< errno
+    uint32_t system; ///< GetLastError, 0 on Linux
+    int32_t sockets; ///< WSAGetLastError, 0 on Linux
 };
 
-LastErrors lastErrors();                        ///< reads all of them, disturbing none
+LastErrors lastErrors();                         ///< reads all of them, disturbing none
 void restoreLastErrors(const LastErrors& saved); ///< puts them back
 
 int32_t lastSystemError();              ///< the number of the last failed system call: GetLastError, errno on Linux

@@ -1,12 +1,12 @@
-// korAlloc.h - the allocation family: the heap, with failures raised in the caller's exception object, the memory reserve
-// given back and the request repeated before a failure, and the debug allocator in its place if the environment asks for
-// it.
+// korAlloc.h - the allocation family: the heap, with failures raised in the caller's exception object, the memory
+// reserve given back and the request repeated before a failure, and the debug allocator in its place if the environment
+// asks for it.
 //
 // The family is in line: its plain path costs a test of a byte and the heap call. Memory goes back to the routine that
 // matches: _kor_free or _korUtil_Free for heap pointers, _kor_freealign for aligned ones.
 //
-// Errors of the family: code 2 (No memory), no description, raised by the routine's own frame. On the plain path an error
-// that is pending does not stop a request; callers test before they allocate.
+// Errors of the family: code 2 (No memory), no description, raised by the routine's own frame. On the plain path an
+// error that is pending does not stop a request; callers test before they allocate.
 
 #ifndef KORUTIL_KORALLOC_H
 #define KORUTIL_KORALLOC_H
@@ -24,7 +24,8 @@ KOR_BEGIN_DECLS
 KOR_DATA uint8_t gMemNoDebug;
 /// 1 = chunk pools hand every chunk out of the heap. Set by the debug configuration.
 KOR_DATA uint8_t gPoolDisable;
-/// 1 = an outside memory checker is in use, so locks spin 10 rounds by default, not 1024. Set by the debug configuration.
+/// 1 = an outside memory checker is in use, so locks spin 10 rounds by default, not 1024. Set by the debug
+/// configuration.
 KOR_DATA uint8_t gMemDebugExternalMemcheck;
 
 // ---- The routines behind the in-line ones ---------------------------------------------------------------------------
@@ -39,8 +40,8 @@ KOR_API void* _kor_callocDebug(korEx* ex, uint8_t depth, size_t count, size_t si
 KOR_API void* _kor_reallocDebug(korEx* ex, uint8_t depth, void* pointer, size_t size);
 /// _kor_strdup while the debug allocator is on or undecided.
 KOR_API char* _kor_strdupDebug(korEx* ex, uint8_t depth, const char* text);
-/// _kor_memalign while the debug allocator is on or undecided. When it is on, the size is rounded up to a multiple of the
-/// alignment and the address is not: the tracking header takes its place.
+/// _kor_memalign while the debug allocator is on or undecided. When it is on, the size is rounded up to a multiple of
+/// the alignment and the address is not: the tracking header takes its place.
 KOR_API void* _kor_memalignDebug(korEx* ex, uint8_t depth, size_t alignment, size_t size);
 /// _kor_free while the debug allocator is on or undecided. NULL is accepted.
 KOR_API void _kor_freeDebug(uint8_t depth, korEx* ex, void* pointer);
@@ -70,12 +71,12 @@ KOR_INLINE void korAlloc_freeAligned(void* pointer)
 }
 
 /// Asks the heap; on a failure gives the memory reserve back, asks once more, and raises if that fails too.
-#define KOR_HEAP_REQUEST(result, request)                                                                              \
-    if (KOR_UNLIKELY(((result) = (request)) == NULL)) {                                                                \
-        _korMemReserve_Free(KOR_AT_D(depth, ex));                                                                      \
-        if (((result) = (request)) == NULL) {                                                                          \
-            KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, NULL);                                                           \
-        }                                                                                                              \
+#define KOR_HEAP_REQUEST(result, request)                    \
+    if (KOR_UNLIKELY(((result) = (request)) == NULL)) {      \
+        _korMemReserve_Free(KOR_AT_D(depth, ex));            \
+        if (((result) = (request)) == NULL) {                \
+            KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, NULL); \
+        }                                                    \
     }
 
 /// `size` bytes of the heap, or NULL and code 2.

@@ -41,9 +41,9 @@
 
 /// Lets the compiler check a printf-like function's arguments. The formats are those of C99 on every platform.
 #if defined(_WIN32) && !defined(__clang__)
-#define KOR_PRINTF(format, arguments) __attribute__((format(gnu_printf, format, arguments)))
+#define KOR_PRINTF(text, arguments) __attribute__((__format__(__gnu_printf__, text, arguments)))
 #else
-#define KOR_PRINTF(format, arguments) __attribute__((format(printf, format, arguments)))
+#define KOR_PRINTF(text, arguments) __attribute__((__format__(__printf__, text, arguments)))
 #endif
 
 /// Atomic access to plain integers in public records, for the in-line routines of these headers (C and C++ alike).
@@ -58,7 +58,7 @@
 /// Adds and gives the value before.
 #define KOR_ATOMIC_ADD(pointer, value) __atomic_fetch_add(pointer, value, __ATOMIC_SEQ_CST)
 /// Compare-and-swap: true if `*pointer` was `*expected` and is now `desired`; else `*expected` is what stood there.
-#define KOR_ATOMIC_CAS(pointer, expected, desired)                                                                     \
+#define KOR_ATOMIC_CAS(pointer, expected, desired) \
     __atomic_compare_exchange_n(pointer, expected, desired, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST)
 
 #endif

@@ -1,9 +1,10 @@
 // korEx.h - the exception object and the frame that every function of the library follows.
 //
-// There are no error return codes. An operation that can fail takes a korEx and a call depth as its first two arguments;
-// a failure leaves a code, a description, the system's error number, the thread's name and a call trace in the object,
-// and the operation gives a neutral value (NULL, 0, false). The same object is the call stack: each function stores its
-// name and line in `frames[depth]` before it calls further, so a trace costs two stores a call and nothing at the raise.
+// There are no error return codes. An operation that can fail takes a korEx and a call depth as its first two
+// arguments; a failure leaves a code, a description, the system's error number, the thread's name and a call trace in
+// the object, and the operation gives a neutral value (NULL, 0, false). The same object is the call stack: each
+// function stores its name and line in `frames[depth]` before it calls further, so a trace costs two stores a call and
+// nothing at the raise.
 //
 // Recipe of use:
 //
@@ -14,8 +15,8 @@
 //     korEx_Destroy(ex);
 //
 // Two orders of the leading arguments exist, and each function has exactly one. (ex, depth) is the normal form: with an
-// error pending the operation does nothing. (depth, ex) is the form of clean-up operations, which do their work whatever
-// is pending. A pending error is never overwritten: the first error stands.
+// error pending the operation does nothing. (depth, ex) is the form of clean-up operations, which do their work
+// whatever is pending. A pending error is never overwritten: the first error stands.
 //
 // A korEx belongs to one thread at a time. Nothing in it is locked.
 
@@ -29,26 +30,21 @@
 KOR_BEGIN_DECLS
 
 /// Every error code that has a word of its own: name, number, word. Other codes get their words from callbacks.
-#define KOR_ERROR_CODES(entry)                                                                                         \
-    entry(KOR_ERROR_NULL_VALUE, -1, "Null value exception")                                                            \
-    entry(KOR_OK, 0, "OK")                                                                                             \
-    entry(KOR_ERROR_INVALID_ARGUMENT, 1, "Invalid Argument")                                                           \
-    entry(KOR_ERROR_NO_MEMORY, 2, "No memory")                                                                         \
-    entry(KOR_ERROR_TIMEOUT, 4, "Timeout")                                                                             \
-    entry(KOR_ERROR_NOT_INITIALIZED, 5, "Not initialized")                                                             \
-    entry(KOR_ERROR_OS, 6, "Operating system error")                                                                   \
-    entry(KOR_ERROR_INTERRUPTED, 7, "Interrupted")                                                                     \
-    entry(KOR_ERROR_NOT_PERMITTED, 8, "Not permitted")                                                                 \
-    entry(KOR_ERROR_NOT_FOUND, 9, "Not found")                                                                         \
-    entry(KOR_ERROR_ILLEGAL_STATE, 10, "Illegal state")                                                                \
-    entry(KOR_ERROR_NOT_SUPPORTED, 11, "Operation not supported")                                                      \
-    entry(KOR_ERROR_END_OF_BUFFER, 12, "End of buffer")                                                                \
-    entry(KOR_ERROR_INCOMPATIBLE_LIBRARY, 13, "Incompatible library")                                                  \
-    entry(KOR_ERROR_ALREADY_EXISTS, 14, "Already exists")                                                              \
-    entry(KOR_ERROR_FILE_IO, 15, "File I/O error")                                                                     \
-    entry(KOR_ERROR_INVALID_VALUE, 16, "Invalid value")                                                                \
-    entry(KOR_ERROR_RESOURCE_LIMIT, 22, "Resource limit reached")                                                      \
-    entry(KOR_ERROR_EXCEPTION, 100, "Exception")
+#define KOR_ERROR_CODES(entry)                                                                                    \
+    entry(KOR_ERROR_NULL_VALUE, -1, "Null value exception") entry(KOR_OK, 0, "OK")                                \
+        entry(KOR_ERROR_INVALID_ARGUMENT, 1, "Invalid Argument") entry(KOR_ERROR_NO_MEMORY, 2, "No memory")       \
+            entry(KOR_ERROR_TIMEOUT, 4, "Timeout") entry(KOR_ERROR_NOT_INITIALIZED, 5, "Not initialized")         \
+                entry(KOR_ERROR_OS, 6, "Operating system error") entry(KOR_ERROR_INTERRUPTED, 7, "Interrupted")   \
+                    entry(KOR_ERROR_NOT_PERMITTED, 8, "Not permitted") entry(KOR_ERROR_NOT_FOUND, 9, "Not found") \
+                        entry(KOR_ERROR_ILLEGAL_STATE, 10, "Illegal state")                                       \
+                            entry(KOR_ERROR_NOT_SUPPORTED, 11, "Operation not supported")                         \
+                                entry(KOR_ERROR_END_OF_BUFFER, 12, "End of buffer")                               \
+                                    entry(KOR_ERROR_INCOMPATIBLE_LIBRARY, 13, "Incompatible library")             \
+                                        entry(KOR_ERROR_ALREADY_EXISTS, 14, "Already exists")                     \
+                                            entry(KOR_ERROR_FILE_IO, 15, "File I/O error")                        \
+                                                entry(KOR_ERROR_INVALID_VALUE, 16, "Invalid value")               \
+                                                    entry(KOR_ERROR_RESOURCE_LIMIT, 22, "Resource limit reached") \
+                                                        entry(KOR_ERROR_EXCEPTION, 100, "Exception")
 
 #define KOR_ERROR_ENUMERATOR(name, number, word) name = number,
 /// The codes above as constants. `korEx.code` is a plain 32-bit number, since applications have codes of their own.
@@ -94,8 +90,8 @@ typedef const char* (*korErrorStringCallback)(int32_t code);
 
 // ---- The frame ------------------------------------------------------------------------------------------------------
 
-/// Records a frame unless an error is pending, so that the trace of a failure stays as it was. Depth 255 shares the last
-/// slot: no depth writes outside `frames`. Use the macros below.
+/// Records a frame unless an error is pending, so that the trace of a failure stays as it was. Depth 255 shares the
+/// last slot: no depth writes outside `frames`. Use the macros below.
 KOR_INLINE korEx* korEx_at(korEx* ex, uint8_t depth, const char* function, int32_t line)
 {
     if (KOR_LIKELY(ex->code == 0)) {
@@ -116,8 +112,7 @@ KOR_INLINE korEx* korEx_at(korEx* ex, uint8_t depth, const char* function, int32
 #define KOR_RAISE(ex, depth, code, text) _korEx_SetException((ex), (code), (text), 0, __func__, __LINE__, (depth))
 
 /// Raises `code` with a formatted description, cut to 255 characters.
-#define KOR_RAISE_F(ex, depth, code, ...)                                                                              \
-    _korEx_FormatException((ex), (code), __func__, __LINE__, (depth), __VA_ARGS__)
+#define KOR_RAISE_F(ex, depth, code, ...) _korEx_FormatException((ex), (code), __func__, __LINE__, (depth), __VA_ARGS__)
 
 /// Sets the head of a local object, and only the head: the frames acquire values as calls are made.
 KOR_INLINE void korEx_initHead(korEx* ex, korEx* next, uint8_t depth, uint8_t own)
@@ -133,19 +128,19 @@ KOR_INLINE void korEx_initHead(korEx* ex, korEx* next, uint8_t depth, uint8_t ow
 }
 
 /// A local object that stands alone, for a routine that has no caller to report to.
-#define KOR_EX_LOCAL(name)                                                                                             \
-    korEx name;                                                                                                        \
+#define KOR_EX_LOCAL(name) \
+    korEx name;            \
     korEx_initHead(&name, NULL, 0, 1)
 
-/// A local object chained to the caller's: work goes on with an error pending, and a failure still reaches the caller if
-/// the caller's object is clean.
-#define KOR_EX_CHAINED(name, ex, depth)                                                                                \
-    korEx name;                                                                                                        \
+/// A local object chained to the caller's: work goes on with an error pending, and a failure still reaches the caller
+/// if the caller's object is clean.
+#define KOR_EX_CHAINED(name, ex, depth) \
+    korEx name;                         \
     korEx_initHead(&name, (ex), (depth), 0)
 
 /// The same, but a failure stays private.
-#define KOR_EX_PRIVATE(name, ex, depth)                                                                                \
-    korEx name;                                                                                                        \
+#define KOR_EX_PRIVATE(name, ex, depth) \
+    korEx name;                         \
     korEx_initHead(&name, (ex), (depth), 1)
 
 // ---- Objects --------------------------------------------------------------------------------------------------------
@@ -168,8 +163,8 @@ KOR_API void korEx_Clear(korEx* ex);
 /// The error code, 0 for none, -1 for NULL.
 KOR_API int32_t korEx_GetErrorCode(const korEx* ex);
 
-/// The word for the object's code: from the table, else from the first callback that knows it, else "Unknown". NULL gives
-/// "Exception is NULL.\n". The text is static.
+/// The word for the object's code: from the table, else from the first callback that knows it, else "Unknown". NULL
+/// gives "Exception is NULL.\n". The text is static.
 KOR_API const char* korEx_GetSummaryString(const korEx* ex);
 /// The same as korEx_GetSummaryString.
 KOR_API const char* _korEx_GetSummaryString(const korEx* ex);
@@ -182,10 +177,11 @@ KOR_API korEx* _korEx_Clone(const korEx* ex);
 
 /// Raises an error; use KOR_RAISE. Does nothing if an error is pending.
 ///
-/// `description` is kept by pointer and must be static, or NULL, unless `copy` is not 0: then up to 255 characters of it
-/// are copied. Both names must live as long as the process. A `depth` of 255 or above is kept in the last frame. The error
-/// travels along `next` until an object has `own` set or holds an error of its own. The system's last-error values (errno,
-/// and on Windows the thread's two) read the same before and after; a raiser that wants one kept sets `osError` first.
+/// `description` is kept by pointer and must be static, or NULL, unless `copy` is not 0: then up to 255 characters of
+/// it are copied. Both names must live as long as the process. A `depth` of 255 or above is kept in the last frame. The
+/// error travels along `next` until an object has `own` set or holds an error of its own. The system's last-error
+/// values (errno, and on Windows the thread's two) read the same before and after; a raiser that wants one kept sets
+/// `osError` first.
 KOR_API void _korEx_SetException(korEx* ex, int32_t code, const char* description, uint8_t copy, const char* function,
                                  int32_t line, uint32_t depth) __attribute__((cold));
 
@@ -196,8 +192,8 @@ KOR_API void _korEx_FormatException(korEx* ex, int32_t code, const char* functio
 
 // ---- Texts ----------------------------------------------------------------------------------------------------------
 
-/// Writes the error, with its trace, as text into `buffer` of `size` bytes, cut to fit and terminated. Gives the number of
-/// characters and the terminator. With a NULL buffer only the length is told.
+/// Writes the error, with its trace, as text into `buffer` of `size` bytes, cut to fit and terminated. Gives the number
+/// of characters and the terminator. With a NULL buffer only the length is told.
 KOR_API int32_t korEx_ToString(const korEx* ex, char* buffer, int32_t size);
 
 /// Prints the error, with its trace, to standard error.
@@ -207,24 +203,24 @@ KOR_API void korEx_Print(const korEx* ex);
 KOR_API void _korEx_Print(const korEx* ex, FILE* stream);
 
 /// The engine of the texts above. With `*buffer` set it writes at most `size` bytes there; a size under 1 gives 0. With
-/// `*buffer` NULL it allocates what is needed: if `keep` is not 0 the caller gets the text in `*buffer` and frees it with
-/// _korUtil_Free, else the text is freed again and only its length told. A NULL `buffer` gives 0, and so does a failed
-/// allocation. Result: characters written plus 1. Never changes `ex`.
+/// `*buffer` NULL it allocates what is needed: if `keep` is not 0 the caller gets the text in `*buffer` and frees it
+/// with _korUtil_Free, else the text is freed again and only its length told. A NULL `buffer` gives 0, and so does a
+/// failed allocation. Result: characters written plus 1. Never changes `ex`.
 KOR_API int32_t _korEx_PrintException(const korEx* ex, char** buffer, int32_t size, uint8_t keep);
 
-/// One-line form: description, then " (Error Code = 9: Not found)" or, for code 6, the system's number and text. Gives the
-/// length; for an object without error an empty text and 1; for a size under 1, 0.
+/// One-line form: description, then " (Error Code = 9: Not found)" or, for code 6, the system's number and text. Gives
+/// the length; for an object without error an empty text and 1; for a size under 1, 0.
 KOR_API int32_t _korEx_PrintErrInfo(const korEx* ex, char* buffer, int32_t size);
 
-/// The system's text for one of its error numbers, in one line, terminated. Not 0 if there is no such text (the buffer then
-/// holds an empty text, if it has room for one). Any thread.
+/// The system's text for one of its error numbers, in one line, terminated. Not 0 if there is no such text (the buffer
+/// then holds an empty text, if it has room for one). Any thread.
 KOR_API int32_t _korEx_OsErrorString(char* buffer, int32_t size, int32_t osError);
 
 // ---- Call keys ------------------------------------------------------------------------------------------------------
 
 /// Collects the call path of a healthy object as a key: the frames from `depth` - 1 down to `baseDepth`, then along the
-/// chain. `key` needs room for 255 records for each object of the chain. `*size` becomes the bytes written, `*hash` a hash
-/// of the records that is never 0xFFFFFFFF. Keys hold pointers: they are valid within this process only.
+/// chain. `key` needs room for 255 records for each object of the chain. `*size` becomes the bytes written, `*hash` a
+/// hash of the records that is never 0xFFFFFFFF. Keys hold pointers: they are valid within this process only.
 KOR_API void _korEx_ToKey(const korEx* ex, uint32_t depth, korKeyFrame* key, uint32_t* size, uint32_t* hash);
 
 /// Prints each record of a key as "\tname:line\n" to standard error. `size` is in bytes; under 12 prints nothing.

@@ -1,5 +1,5 @@
-// failingHeap.cpp - steps between the library and the heap: on Linux the program's own malloc comes first for every module,
-// on Windows the library's import table is redirected.
+// failingHeap.cpp - steps between the library and the heap: on Linux the program's own malloc comes first for every
+// module, on Windows the library's import table is redirected.
 
 #include "support/failingHeap.h"
 
@@ -9,9 +9,9 @@ namespace kor::test {
 namespace {
 
 struct Plan {
-    uint64_t requests = 0;    // seen so far
-    uint64_t failing = 0;     // first one to fail, 0 = none
-    uint64_t run = 0;         // how many fail
+    uint64_t requests = 0; // seen so far
+    uint64_t failing = 0;  // first one to fail, 0 = none
+    uint64_t run = 0;      // how many fail
     bool armed = false;
     bool fired = false;
 };
@@ -108,8 +108,8 @@ void redirectImports(HMODULE module)
 
 void install()
 {
-    static bool installed = (redirectImports(GetModuleHandleA("korutil.dll")),
-                             redirectImports(GetModuleHandleA(nullptr)), true);
+    static bool installed =
+        (redirectImports(GetModuleHandleA("korutil.dll")), redirectImports(GetModuleHandleA(nullptr)), true);
     (void)installed;
 }
 

@@ -14,8 +14,8 @@
 namespace kor::test {
 
 /// While one lives, the `failing`-th heap request (counting from 1) of the calling thread gives NULL, and so does every
-/// later one up to `failing` + `run` - 1. The allocation family asks twice before it gives up, so `run` is 2 by default:
-/// one request of the library fails.
+/// later one up to `failing` + `run` - 1. The allocation family asks twice before it gives up, so `run` is 2 by
+/// default: one request of the library fails.
 class FailingHeap
 {
 public:
@@ -26,8 +26,8 @@ public:
     FailingHeap& operator=(const FailingHeap&) = delete;
 };
 
-/// Runs `scenario` with the 1st, 2nd, ... request failing until it runs through. A failed request must end in code 2, and
-/// nowhere else; `ex` is cleared in between. Gives the number of requests that a whole run makes.
+/// Runs `scenario` with the 1st, 2nd, ... request failing until it runs through. A failed request must end in code 2,
+/// and nowhere else; `ex` is cleared in between. Gives the number of requests that a whole run makes.
 uint64_t sweepFailures(korEx* ex, const std::function<void()>& scenario);
 
 } // namespace kor::test

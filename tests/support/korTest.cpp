@@ -83,8 +83,7 @@ std::string StreamCapture::text()
 {
     active_ = false;
     std::fflush(nullptr);
-    std::string raw =
-        stream_ == out ? testing::internal::GetCapturedStdout() : testing::internal::GetCapturedStderr();
+    std::string raw = stream_ == out ? testing::internal::GetCapturedStdout() : testing::internal::GetCapturedStderr();
     std::erase(raw, '\r'); // Windows' text streams
     return raw;
 }
@@ -103,7 +102,6 @@ uint64_t chooseSeed()
 
 Random::Random()
     : seed_(chooseSeed()), trace_(__FILE__, __LINE__, "KOR_TEST_SEED=" + std::to_string(seed_)), engine_(seed_)
-{
-}
+{}
 
 } // namespace kor::test
