@@ -10,6 +10,7 @@
 #include "korutil/korHash.h"
 #include "korutil/korHeaderID.h"
 #include "korutil/korMemReserve.h"
+#include "korutil/korObjectMap.h"
 #include "korutil/korProcess.h"
 #include "korutil/korRWLock.h"
 #include "korutil/korSemaphore.h"

@@ -80,8 +80,8 @@ bool enterAsWriter(Word word, uint64_t& seen, uint64_t queued)
 }
 
 // Sleeps until the writer that is inside, or the one that is next, lets the waiting readers in: the phase has flipped,
-// and this reader is counted among the active ones already. The phase cannot flip twice meanwhile, since the second time
-// takes a writer, and this reader is inside.
+// and this reader is counted among the active ones already. The phase cannot flip twice meanwhile, since the second
+// time takes a writer, and this reader is inside.
 void sleepAsReader(uint64_t* address, uint64_t entry)
 {
     Word word(*address);
@@ -91,8 +91,8 @@ void sleepAsReader(uint64_t* address, uint64_t entry)
     }
 }
 
-// The half on which a writer sleeps holds all that keeps it out. So the sleep does not begin if the lock came free after
-// the look; and if it is held, whoever holds it sees a waiting writer when it leaves, and wakes one.
+// The half on which a writer sleeps holds all that keeps it out. So the sleep does not begin if the lock came free
+// after the look; and if it is held, whoever holds it sees a waiting writer when it leaves, and wakes one.
 void sleepAsWriter(uint64_t* address)
 {
     Word word(*address);
