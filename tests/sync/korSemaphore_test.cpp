@@ -67,7 +67,7 @@ TEST_F(korSemaphoreTest, WaitsWithOneTargetShareTheLimit)
     _korSemaphore_TimedWait(ex, 0, semaphore, 30, &target, &timedOut);
     EXPECT_EQ(timedOut, 1);
     _korSemaphore_TimedWait(ex, 0, semaphore, 1000000, &target, nullptr); // the limit of the first wait holds
-    EXPECT_CLEAN();                                                      // and running into it is no error
+    EXPECT_CLEAN();                                                       // and running into it is no error
     EXPECT_LT(target.remaining, 30);
     release(semaphore);
     timedOut = 0;
