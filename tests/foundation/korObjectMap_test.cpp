@@ -113,7 +113,7 @@ TEST_F(korObjectMapTest, DISABLED_FirstIdsAndTables)
     }
     EXPECT_CLEAN();
     EXPECT_EQ(gObjectMap[1], nullptr);
-    for (uint64_t failing : {1, 2}) { // room for free indexes, then the table
+    for (uint64_t failing = 1; failing <= 2; failing++) { // room for free indexes, then the table
         FailingHeap heap(failing);
         EXPECT_EQ(_korObjectMap_Register(ex, 0, &object), 0u);
         EXPECT_RAISED(KOR_ERROR_NO_MEMORY, nullptr);
@@ -158,7 +158,7 @@ void releaseObject(korEx* ex, uint64_t id, Object* object)
 }
 
 // Puts new objects in the place of old ones, whose last user frees them, or this owner.
-void replaceObjects(std::atomic<uint64_t>* ids, int rounds)
+void replaceObjects(std::atomic<uint64_t>* ids)
 {
     korEx* ex = korEx_Create();
     for (int round = 0; round < rounds; round++) {
@@ -201,7 +201,7 @@ TEST_F(korObjectMapTest, EveryObjectIsFreedOnceByWhoeverIsLast)
             usersThreads.emplace_back([&] { reached += useObjects(ids, ended); });
         }
         for (int i = 0; i < owners; i++) {
-            ownerThreads.emplace_back([&] { replaceObjects(ids, rounds); });
+            ownerThreads.emplace_back([&] { replaceObjects(ids); });
         }
         ownerThreads.clear();
         EXPECT_EQ(alive, places);

@@ -78,7 +78,7 @@ TEST_F(korSemaphoreTest, WaitsWithOneTargetShareTheLimit)
 
 TEST_F(korSemaphoreTest, EachReleaseLetsOneWaiterThrough)
 {
-    constexpr int waiters = 4, rounds = 5000;
+    constexpr int waiters = 4, rounds = 1000;
     korSemaphore* work = _korSemaphore_CreateUnnamed(ex, 0);
     korSemaphore* done = _korSemaphore_CreateUnnamed(ex, 0);
     std::vector<int> passes(waiters);
