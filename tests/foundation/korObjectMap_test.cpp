@@ -204,9 +204,9 @@ TEST_F(korObjectMapTest, EveryObjectIsFreedOnceByWhoeverIsLast)
             ownerThreads.emplace_back([&] { replaceObjects(ids); });
         }
         ownerThreads.clear();
-        EXPECT_EQ(alive, places);
         ended = true;
     }
+    EXPECT_EQ(alive, places);
     EXPECT_GT(reached, 0u);
     for (std::atomic<uint64_t>& id : ids) {
         releaseObject(ex, id, static_cast<Object*>(_korObjectMap_Unregister(ex, 0, id)));
