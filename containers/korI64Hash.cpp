@@ -40,21 +40,24 @@ bool isChained(const korI64Hash* hash, const korI64Entry* entry)
     return entry != slotOf(hash, entry->key);
 }
 
-// The entry of `key`, which may be the slot's own, or null.
+// The entry of `key`, which may be the slot's own, or null. The key is compared before the link is read, so that a hit
+// in the slot touches the first half of the record alone, which never lies across two cache lines. An empty slot has
+// key 0, and 0 is at home in the first slot only: no other key than 0 can meet an empty slot with its own key.
 korI64Entry* find(const korI64Hash* hash, int64_t key)
 {
     uint32_t home = homeOf(hash, key);
     korI64Entry* slot = &hash->slots[home];
+    if (slot->key == key) {
+        return key != 0 || !isEmpty(slot) ? slot : nullptr;
+    }
     if (isEmpty(slot)) {
         return nullptr;
     }
-    korI64Entry* entry = slot;
-    do {
+    for (korI64Entry* entry = slot->next; entry != slot && homeOf(hash, entry->key) == home; entry = entry->next) {
         if (entry->key == key) {
             return entry;
         }
-        entry = entry->next;
-    } while (entry != slot && homeOf(hash, entry->key) == home);
+    }
     return nullptr;
 }
 
@@ -307,7 +310,8 @@ Removal removeEntry(uint8_t depth, korEx* ex, korI64Hash* hash, korI64HashPools*
         return Removal::chained;
     }
     if (hash->entryCount == 0) {
-        entry->next = hash->listHead = nullptr;
+        *entry = {};
+        hash->listHead = nullptr;
         return Removal::last;
     }
     if (slotOf(hash, next->key) == entry) {
@@ -321,7 +325,7 @@ Removal removeEntry(uint8_t depth, korEx* ex, korI64Hash* hash, korI64HashPools*
     if (hash->listHead == entry) {
         hash->listHead = next;
     }
-    entry->next = nullptr;
+    *entry = {};
     return Removal::alone;
 }
 
@@ -400,20 +404,25 @@ void performRemoveCurrent(uint8_t depth, korEx* ex, korI64HashIterator* iterator
     check(hash);
 }
 
-// Steps a walk to the entry that is to be given next. False at the end.
-bool advance(korI64HashIterator* iterator)
+// The entry that a walk gives next, with `current` on it, or null at the end.
+korI64Entry* advance(korI64HashIterator* iterator)
 {
-    if (iterator->current == nullptr) {
-        return false;
+    korI64Entry* entry = iterator->current;
+    if (entry != nullptr && iterator->skipAdvance == 0) {
+        entry = entry->next == iterator->hash->listHead ? nullptr : entry->next;
+        iterator->current = entry;
     }
-    if (iterator->skipAdvance == 0) {
-        iterator->current = iterator->current->next;
-        if (iterator->current == iterator->hash->listHead) {
-            iterator->current = nullptr;
-            return false;
-        }
+    return entry;
+}
+
+void give(int64_t fromKey, uint64_t fromValue, int64_t* key, uint64_t* value)
+{
+    if (key != nullptr) {
+        *key = fromKey;
     }
-    return true;
+    if (value != nullptr) {
+        *value = fromValue;
+    }
 }
 
 void performClear(uint8_t depth, korEx* ex, korI64Hash* hash, korI64HashPools* pools)
@@ -557,20 +566,19 @@ bool _korI64Hash_Next(korEx* ex, uint8_t, korI64HashIterator* iterator, int64_t*
         return false;
     }
     const korI64Hash* hash = iterator->hash;
-    bool single = hash->slotCount == 0;
-    if (single && (iterator->skipAdvance == 0 || hash->entryCount == 0)) {
-        return false;
-    }
-    if (!single && !advance(iterator)) {
-        return false;
+    if (hash->slotCount == 0) {
+        if (iterator->skipAdvance == 0 || hash->entryCount == 0) {
+            return false;
+        }
+        give(hash->singleKey, hash->singleValue, key, value);
+    } else {
+        const korI64Entry* entry = advance(iterator);
+        if (entry == nullptr) {
+            return false;
+        }
+        give(entry->key, entry->value, key, value);
     }
     iterator->skipAdvance = 0;
-    if (key != nullptr) {
-        *key = single ? hash->singleKey : iterator->current->key;
-    }
-    if (value != nullptr) {
-        *value = single ? hash->singleValue : iterator->current->value;
-    }
     return true;
 }
 

@@ -59,6 +59,12 @@ int32_t tripling(const korDpa* dpa)
     return dpa->capacity > INT32_MAX / 2 ? INT32_MAX : std::max(dpa->capacity * 2, 2);
 }
 
+// Looks at four slots with one branch, which is what makes a linear search quick.
+bool holdsAny(const uint64_t* slots, uint64_t value)
+{
+    return (slots[0] == value) | (slots[1] == value) | (slots[2] == value) | (slots[3] == value);
+}
+
 void insertAt(korDpa* dpa, int32_t index, uint64_t value)
 {
     uint64_t* slot = &dpa->items[index];
@@ -389,7 +395,11 @@ int32_t _korDpa_Find(const korDpa* dpa, uint64_t value)
 {
     const uint64_t* items = dpa->items;
     int32_t count = dpa->count;
-    for (int32_t i = 0; i < count; i++) {
+    int32_t i = 0;
+    while (i + 4 <= count && !holdsAny(&items[i], value)) {
+        i += 4;
+    }
+    for (; i < count; i++) {
         if (items[i] == value) {
             return i;
         }
