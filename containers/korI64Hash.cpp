@@ -40,25 +40,28 @@ bool isChained(const korI64Hash* hash, const korI64Entry* entry)
     return entry != slotOf(hash, entry->key);
 }
 
-// The entry of `key`, which may be the slot's own, or null. The key is compared before the link is read, so that a hit
-// in the slot touches the first half of the record alone, which never lies across two cache lines. An empty slot has
-// key 0, and 0 is at home in the first slot only: no other key than 0 can meet an empty slot with its own key.
-korI64Entry* find(const korI64Hash* hash, int64_t key)
+// The search behind a slot's own record.
+korI64Entry* findChained(korI64Entry* slot, const korI64Hash* hash, int64_t key)
 {
     uint32_t home = homeOf(hash, key);
-    korI64Entry* slot = &hash->slots[home];
-    if (slot->key == key) {
-        return key != 0 || !isEmpty(slot) ? slot : nullptr;
-    }
-    if (isEmpty(slot)) {
-        return nullptr;
-    }
     for (korI64Entry* entry = slot->next; entry != slot && homeOf(hash, entry->key) == home; entry = entry->next) {
         if (entry->key == key) {
             return entry;
         }
     }
     return nullptr;
+}
+
+// The entry of `key`, which may be the slot's own, or null. The key is compared before the link is read, so that a hit
+// in the slot touches the first half of the record alone, which never lies across two cache lines. An empty slot has
+// key 0, and 0 is at home in the first slot only: no other key than 0 can meet an empty slot with its own key.
+KOR_INLINE korI64Entry* find(const korI64Hash* hash, int64_t key)
+{
+    korI64Entry* slot = slotOf(hash, key);
+    if (KOR_LIKELY(slot->key == key)) {
+        return KOR_LIKELY(key != 0) || !isEmpty(slot) ? slot : nullptr;
+    }
+    return isEmpty(slot) ? nullptr : findChained(slot, hash, key);
 }
 
 // Walks the whole circle of a small table, for the hostile build.
@@ -112,8 +115,8 @@ void unlink(korI64Entry* entry)
 
 korI64Entry* takeEntry(korEx* ex, uint8_t depth, korI64HashPools* pools)
 {
-    (void)pools;
-    void* entry = _kor_malloc(KOR_AT(ex, depth), sizeof(korI64Entry));
+    void* entry = pools != nullptr ? _korPoolCache_Get(KOR_AT(ex, depth), &pools->entryCache)
+                                   : _kor_malloc(KOR_AT(ex, depth), sizeof(korI64Entry));
     if (entry == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
     }
@@ -122,8 +125,15 @@ korI64Entry* takeEntry(korEx* ex, uint8_t depth, korI64HashPools* pools)
 
 void releaseEntry(uint8_t depth, korEx* ex, korI64HashPools* pools, korI64Entry* entry)
 {
-    (void)pools;
-    _kor_free(KOR_AT_D(depth, ex), entry);
+    if (pools == nullptr) {
+        _kor_free(KOR_AT_D(depth, ex), entry);
+        return;
+    }
+    KOR_EX_PRIVATE(local, ex, depth);
+    _korPoolCache_Return(KOR_AT_D(depth, &local), &pools->entryCache, entry);
+    if (local.code != 0) { // the cache can not grow, but the pool takes every chunk
+        _korPool_Return(KOR_AT_D(depth, ex), pools->entryCache.pool, entry);
+    }
 }
 
 // ---- Making ----
@@ -229,7 +239,7 @@ void doubleSlots(korEx* ex, uint8_t depth, korI64Hash* hash, korI64HashPools* po
         entry = next;
     } while (entry != old.listHead);
     check(hash);
-    while (spares > 0) { // only now, for giving back can raise, and by then the table must stand
+    while (spares > 0) {
         releaseEntry(KOR_AT_D(depth, ex), pools, spare[--spares]);
     }
     _kor_free(KOR_AT_D(depth, ex), spare);
@@ -452,6 +462,45 @@ void performClear(uint8_t depth, korEx* ex, korI64Hash* hash, korI64HashPools* p
 
 using namespace kor;
 
+// ---- Pools ----------------------------------------------------------------------------------------------------------
+
+void _korI64Hash_CreatePoolsEx(korEx* ex, uint8_t depth, korI64HashPools* pools, int64_t cacheSize)
+{
+    constexpr int32_t chunksPerBlock = 100;
+    constexpr int32_t minBlocks = 1;
+    constexpr int32_t refillTarget = 100;
+    *pools = {};
+    pools->hashPool = _korPool_Create(KOR_AT(ex, depth), chunksPerBlock, sizeof(korI64Hash), nullptr, nullptr,
+                                      minBlocks, refillTarget);
+    korPool* entries = _korPool_Create(KOR_AT(ex, depth), chunksPerBlock, sizeof(korI64Entry), nullptr, nullptr,
+                                       minBlocks, refillTarget);
+    if (entries != nullptr) {
+        _korPoolCache_Init(KOR_AT(ex, depth), &pools->entryCache, cacheSize, entries);
+        pools->entryCache.pool = entries; // a failed cache, too, is where the pool is found
+    }
+    if (ex->code != 0) {
+        _korI64Hash_DestroyPools(KOR_AT_D(depth, ex), pools);
+    }
+}
+
+void _korI64Hash_CreatePools(korEx* ex, uint8_t depth, korI64HashPools* pools)
+{
+    _korI64Hash_CreatePoolsEx(KOR_AT(ex, depth), pools, -1);
+}
+
+void _korI64Hash_DestroyPools(uint8_t depth, korEx* ex, korI64HashPools* pools)
+{
+    if (pools == nullptr) {
+        return;
+    }
+    korPool* entries = pools->entryCache.pool;
+    _korPoolCache_Clear(KOR_AT_D(depth, ex), &pools->entryCache);
+    _korPool_Destroy(KOR_AT_D(depth, ex), entries);
+    _korPool_Destroy(KOR_AT_D(depth, ex), pools->hashPool);
+    pools->entryCache.pool = nullptr;
+    pools->hashPool = nullptr;
+}
+
 // ---- Tables ---------------------------------------------------------------------------------------------------------
 
 void _korI64Hash_Init(korEx* ex, uint8_t depth, korI64Hash* hash, int32_t slots)
@@ -482,6 +531,21 @@ korI64Hash* _korI64Hash_Create(korEx* ex, uint8_t depth, int32_t slots)
     return hash;
 }
 
+korI64Hash* _korI64Hash_CreatePooled(korEx* ex, uint8_t depth, korI64HashPools* pools, int32_t slots)
+{
+    auto* hash = static_cast<korI64Hash*>(_korPool_Get(KOR_AT(ex, depth), pools->hashPool));
+    if (hash == nullptr) {
+        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
+        return nullptr;
+    }
+    performInit(KOR_AT(ex, depth), hash, slots);
+    if (ex->code != 0) {
+        _korPool_Return(KOR_AT_D(depth, ex), pools->hashPool, hash);
+        return nullptr;
+    }
+    return hash;
+}
+
 void _korI64Hash_Clear(uint8_t depth, korEx* ex, korI64Hash* hash)
 {
     performClear(KOR_AT_D(depth, ex), hash, nullptr);
@@ -496,6 +560,15 @@ void _korI64Hash_Destroy(uint8_t depth, korEx* ex, korI64Hash* hash)
 {
     performClear(KOR_AT_D(depth, ex), hash, nullptr);
     _kor_free(KOR_AT_D(depth, ex), hash);
+}
+
+void _korI64Hash_DestroyPooled(uint8_t depth, korEx* ex, korI64Hash* hash, korI64HashPools* pools)
+{
+    if (hash == nullptr) {
+        return;
+    }
+    performClear(KOR_AT_D(depth, ex), hash, pools);
+    _korPool_Return(KOR_AT_D(depth, ex), pools->hashPool, hash);
 }
 
 // ---- Entries --------------------------------------------------------------------------------------------------------
