@@ -1,5 +1,5 @@
-// frame_check.cpp - exercises local, chained and wrapped exception objects for a memory checker, which must find that no
-// frame is read that was not written.
+// frame_check.cpp - exercises local, chained and wrapped exception objects for a memory checker, which must find that
+// no frame is read that was not written.
 
 #include "korutil/korEx.h"
 

@@ -1,0 +1,109 @@
+// korAlloc_test.cpp - the plain path of the allocation family: decision, retry, failure, clean-up with an error
+// pending.
+
+#include "support/failingHeap.h"
+#include "support/korTest.h"
+
+#include "korutil/korAlloc.h"
+
+#include <cstring>
+
+namespace {
+
+using kor::test::FailingHeap;
+using KorAllocTest = kor::test::KorTest;
+
+TEST_F(KorAllocTest, FirstAllocationSwitchesTheDebugAllocatorOff)
+{
+    _kor_free(KOR_AT_D(0, ex), _kor_malloc(KOR_AT(ex, 0), 10));
+    EXPECT_EQ(gMemNoDebug, 1);
+    EXPECT_EQ(gPoolDisable, 0);
+    kor::test::StreamCapture capture(kor::test::StreamCapture::out);
+    _kor_allocPrintStat();
+    EXPECT_EQ(capture.text(), "");
+}
+
+TEST_F(KorAllocTest, FamilyGivesWhatItSays)
+{
+    auto* zeroed = static_cast<unsigned char*>(_kor_calloc(KOR_AT(ex, 0), 7, 9));
+    for (int index = 0; index < 63; index++) {
+        ASSERT_EQ(zeroed[index], 0);
+        zeroed[index] = static_cast<unsigned char>(index);
+    }
+    zeroed = static_cast<unsigned char*>(_kor_realloc(KOR_AT(ex, 0), zeroed, 100000));
+    EXPECT_EQ(zeroed[62], 62);
+    zeroed = static_cast<unsigned char*>(_kor_realloc(KOR_AT(ex, 0), zeroed, 0)); // shrinks, never frees
+    ASSERT_NE(zeroed, nullptr);
+    _kor_free(KOR_AT_D(0, ex), zeroed);
+
+    for (size_t alignment : {16u, 64u, 4096u}) {
+        void* aligned = _kor_memalign(KOR_AT(ex, 0), alignment, 100);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(aligned) % alignment, 0u);
+        std::memset(aligned, 1, 100);
+        _kor_freealign(KOR_AT_D(0, ex), aligned);
+    }
+
+    char* text = _kor_strdup(KOR_AT(ex, 0), "copy");
+    char* second = _korUtil_Strdup(KOR_AT(ex, 0), text);
+    EXPECT_STREQ(second, "copy");
+    _korUtil_Free(KOR_AT_D(0, ex), text);
+    _korUtil_Free(KOR_AT_D(0, ex), second);
+    _korUtil_Free(KOR_AT_D(0, ex), nullptr);
+}
+
+TEST_F(KorAllocTest, SecondRequestSavesTheFirst)
+{
+    FailingHeap heap(1, 1); // one request fails, its repetition does not
+    void* block = _kor_malloc(KOR_AT(ex, 0), 10);
+    EXPECT_TRUE(heap.fired());
+    EXPECT_NE(block, nullptr);
+    _kor_free(KOR_AT_D(0, ex), block);
+}
+
+TEST_F(KorAllocTest, FailureIsCode2WithTheRoutinesOwnFrame)
+{
+    char* block = static_cast<char*>(_kor_malloc(KOR_AT(ex, 0), 8));
+    std::strcpy(block, "kept");
+    const struct {
+        const char* frame;
+        void* (*request)(korEx*, void*);
+    } cases[] = {
+        {"_kor_malloc", [](korEx* e, void*) { return _kor_malloc(KOR_AT(e, 0), 64); }},
+        {"_kor_calloc", [](korEx* e, void*) { return _kor_calloc(KOR_AT(e, 0), 8, 8); }},
+        {"_kor_realloc", [](korEx* e, void* old) { return _kor_realloc(KOR_AT(e, 0), old, 1 << 20); }},
+        {"_kor_strdup", [](korEx* e, void*) { return static_cast<void*>(_kor_strdup(KOR_AT(e, 0), "text")); }},
+        {"_kor_memalign", [](korEx* e, void*) { return _kor_memalign(KOR_AT(e, 0), 64, 64); }},
+    };
+    for (const auto& entry : cases) {
+        void* result;
+        {
+            FailingHeap heap(1);
+            result = entry.request(ex, block);
+        }
+        EXPECT_EQ(result, nullptr);
+        EXPECT_EQ(ex->frameCount, 2);
+        EXPECT_STREQ(ex->frames[1].function, entry.frame);
+        EXPECT_RAISED(KOR_ERROR_NO_MEMORY, nullptr);
+    }
+    EXPECT_STREQ(block, "kept"); // a failed realloc leaves the old block
+    _kor_free(KOR_AT_D(0, ex), block);
+    EXPECT_EQ(_kor_calloc(KOR_AT(ex, 0), SIZE_MAX / 2, 3), nullptr); // the product has no 64 bits
+    EXPECT_RAISED(KOR_ERROR_NO_MEMORY, nullptr);
+}
+
+TEST_F(KorAllocTest, DebugRoutinesRefuseWithAnErrorPendingAndStillFree)
+{
+    void* block = _kor_malloc(KOR_AT(ex, 0), 10);
+    KOR_RAISE(ex, 0, KOR_ERROR_TIMEOUT, "pending");
+    EXPECT_EQ(_kor_mallocDebug(ex, 1, 10), nullptr);
+    EXPECT_EQ(_kor_callocDebug(ex, 1, 1, 10), nullptr);
+    EXPECT_EQ(_kor_reallocDebug(ex, 1, block, 10), nullptr);
+    EXPECT_EQ(_kor_strdupDebug(ex, 1, "x"), nullptr);
+    EXPECT_EQ(_kor_memalignDebug(ex, 1, 64, 10), nullptr);
+    _kor_freeDebug(1, ex, block);
+    _kor_freeDebug(1, ex, nullptr);
+    _kor_freealignDebug(1, ex, nullptr);
+    EXPECT_RAISED(KOR_ERROR_TIMEOUT, "pending");
+}
+
+} // namespace
