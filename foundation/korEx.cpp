@@ -5,9 +5,11 @@
 
 #include "korutil/korEx.h"
 #include "korutil/korAlloc.h"
+#include "korutil/korDpa.h"
 #include "korutil/korText.h"
 #include "platform/error.h"
 
+#include <atomic>
 #include <cstring>
 
 static_assert(sizeof(korFrame) == 16 && sizeof(korKeyFrame) == 12);
@@ -32,9 +34,32 @@ const char* tableWord(int32_t code)
     }
 }
 
+// Where an application's own codes get their words. Filled while libraries open, read without a lock.
+korDpa* errorStringCallbacks = nullptr;
+
+korDpa* callbackList()
+{
+    return std::atomic_ref(errorStringCallbacks).load(std::memory_order_acquire);
+}
+
+const char* callbackWord(int32_t code)
+{
+    korDpa* list = callbackList();
+    for (int32_t index = 0; list != nullptr && index < list->count; index++) {
+        const char* word = reinterpret_cast<korErrorStringCallback>(list->items[index])(code);
+        if (word != nullptr) {
+            return word;
+        }
+    }
+    return nullptr;
+}
+
 const char* wordOf(int32_t code)
 {
     const char* word = tableWord(code);
+    if (word == nullptr) {
+        word = callbackWord(code);
+    }
     return word != nullptr ? word : "Unknown";
 }
 
@@ -347,6 +372,32 @@ void _korEx_FormatException(korEx* ex, int32_t code, const char* function, int32
     va_end(arguments);
     _korEx_SetException(ex, code, description, 1, function, line, depth);
     kor::platform::restoreLastErrors(saved);
+}
+
+void _korEx_Open(korEx* ex, uint8_t depth)
+{
+    if (ex->code != 0 || kor::callbackList() != nullptr) {
+        return;
+    }
+    korDpa* list = _korDpa_Create(KOR_AT(ex, depth), 1);
+    if (list == nullptr) {
+        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, NULL);
+    }
+    std::atomic_ref(kor::errorStringCallbacks).store(list, std::memory_order_release);
+}
+
+void _korEx_Close(korEx* ex, uint8_t depth)
+{
+    korDpa* list = std::atomic_ref(kor::errorStringCallbacks).exchange(nullptr);
+    _korDpa_DestroyPooled(KOR_AT_D(depth, ex), list, nullptr);
+}
+
+void _korEx_AddErrorStringCallback(korEx* ex, uint8_t depth, korErrorStringCallback callback)
+{
+    korDpa* list = kor::callbackList();
+    if (ex->code == 0 && list != nullptr) {
+        _korDpa_AddSafe(KOR_AT(ex, depth), list, reinterpret_cast<uint64_t>(callback));
+    }
 }
 
 int32_t _korEx_PrintException(const korEx* ex, char** buffer, int32_t size, uint8_t keep)

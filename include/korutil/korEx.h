@@ -190,6 +190,19 @@ KOR_API void _korEx_SetException(korEx* ex, int32_t code, const char* descriptio
 KOR_API void _korEx_FormatException(korEx* ex, int32_t code, const char* function, int32_t line, uint32_t depth,
                                     const char* format, ...) __attribute__((cold)) KOR_PRINTF(6, 7);
 
+// ---- Words of an application's own codes ----------------------------------------------------------------------------
+
+/// Makes the list of callbacks. Called as the library starts. Code 2 if memory is short.
+KOR_API void _korEx_Open(korEx* ex, uint8_t depth);
+
+/// Forgets the callbacks. Called as the library stops. Works with an error pending; does nothing without a list.
+KOR_API void _korEx_Close(korEx* ex, uint8_t depth);
+
+/// Adds a callback that gives words for codes that have none in the table; the first one that knows a code is heard.
+/// The list is not locked: a library adds its callback as it opens. Does nothing while the library is not started.
+/// Code 2.
+KOR_API void _korEx_AddErrorStringCallback(korEx* ex, uint8_t depth, korErrorStringCallback callback);
+
 // ---- Texts ----------------------------------------------------------------------------------------------------------
 
 /// Writes the error, with its trace, as text into `buffer` of `size` bytes, cut to fit and terminated. Gives the number

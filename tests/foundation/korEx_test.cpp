@@ -1,5 +1,6 @@
 // korEx_test.cpp - raising, the first error's precedence, chains, texts, keys, and the bounds of the trace.
 
+#include "support/failingHeap.h"
 #include "support/korTest.h"
 
 #include "korutil/korAlloc.h"
@@ -213,6 +214,45 @@ TEST_F(KorExTest, WordsOfTheCodes)
     ex->code = 0;
     EXPECT_STREQ(_korEx_GetSummaryString(nullptr), "Exception is NULL.\n");
     EXPECT_EQ(korEx_GetErrorCode(nullptr), -1);
+}
+
+const char* wordOfPrimes(int32_t code)
+{
+    return code == 3 || code == 17 || code == 2 ? "Prime" : nullptr;
+}
+
+const char* wordOfOdds(int32_t code)
+{
+    return code % 2 != 0 ? "Odd" : nullptr;
+}
+
+TEST_F(KorExTest, CallbacksGiveWordsInOrderOfRegistration)
+{
+    auto word = [this](int32_t code) {
+        ex->code = code;
+        std::string text = korEx_GetSummaryString(ex);
+        ex->code = 0;
+        return text;
+    };
+    _korEx_AddErrorStringCallback(ex, 0, wordOfOdds); // no list yet: nothing happens
+    _korEx_Open(ex, 0);
+    EXPECT_EQ(word(3), "Unknown");
+    _korEx_AddErrorStringCallback(ex, 0, wordOfPrimes);
+    _korEx_AddErrorStringCallback(ex, 0, wordOfOdds);
+    EXPECT_EQ(word(3), "Prime");
+    EXPECT_EQ(word(19), "Odd");
+    EXPECT_EQ(word(20), "Unknown");
+    EXPECT_EQ(word(2), "No memory"); // the table goes first
+    _korEx_Close(ex, 0);
+    _korEx_Close(ex, 0);
+    EXPECT_EQ(word(3), "Unknown");
+    kor::test::sweepFailures(ex, [this] {
+        _korEx_Open(ex, 0);
+        for (int count = 0; count < 5; count++) {
+            _korEx_AddErrorStringCallback(ex, 0, wordOfOdds);
+        }
+        _korEx_Close(ex, 0);
+    });
 }
 
 TEST_F(KorExTest, TextOfAnException)
