@@ -1,4 +1,5 @@
-// korHash.cpp - byte-string keys over the engine of lazyTable.h: how keys are measured, hashed, compared, kept and freed.
+// korHash.cpp - byte-string keys over the engine of lazyTable.h: how keys are measured, hashed, compared, kept and
+// freed.
 
 #include "korutil/korHash.h"
 #include "containers/lazyTable.h"
@@ -18,7 +19,6 @@ static_assert(offsetof(korHashIterator, skipAdvance) == 8);
 namespace {
 
 constexpr uint32_t maxKeyLength = KOR_HASH_KEY_COPIED - 1;
-constexpr uint32_t longHashFrom = 192; // the published threshold between the two forms of SpookyHash
 
 uint32_t lengthOf(const korHashEntry* entry)
 {
@@ -165,6 +165,9 @@ struct BytePolicy {
         }
     }
 
+    // A NULL key is out of reach of every remove; the walk passes it.
+    static bool isMarked(const Entry* cursor) { return cursor->key != nullptr; }
+    static MarkedKey markedKey(const Entry* cursor) { return {cursor->key, cursor->hash}; }
     static void mark(Entry* cursor, const Entry* entry)
     {
         cursor->key = entry->key;
@@ -182,8 +185,8 @@ using Engine = kor::LazyTable<BytePolicy>;
 
 uint32_t computeCode(const void* bytes, uint32_t length)
 {
-    return static_cast<uint32_t>(length < longHashFrom ? _korSpookyHash_Short(bytes, length, nullptr)
-                                                       : _korSpookyHash_Long(bytes, length, nullptr));
+    return static_cast<uint32_t>(length < KOR_SPOOKY_LONG_LENGTH ? _korSpookyHash_Short(bytes, length, nullptr)
+                                                                 : _korSpookyHash_Long(bytes, length, nullptr));
 }
 
 // Length 0 measures a string, its terminator included; code 0 computes one. A NULL key is taken as it stands.
@@ -354,12 +357,7 @@ uint64_t _korHash_SetCurrent(korHashIterator* iterator, uint64_t value)
 
 void _korHash_RemoveCurrent(uint8_t depth, korEx* ex, korHashIterator* iterator)
 {
-    if (iterator == nullptr || Engine::currentEntry(iterator) == nullptr) {
-        return;
-    }
-    const korHashEntry* cursor = iterator->hash->cursor;
-    MarkedKey marked = {cursor->key, cursor->hash};
-    Engine::removeCurrent(KOR_AT_D(depth, ex), iterator, marked);
+    Engine::removeCurrent(KOR_AT_D(depth, ex), iterator);
 }
 
 // ---- Measuring ------------------------------------------------------------------------------------------------------

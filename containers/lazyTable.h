@@ -6,7 +6,8 @@
 // move two entries each, so that no operation pays for a whole rehash.
 //
 // A policy supplies what differs:
-//     Table, Entry, Iterator, Code, Pools, Item   the records, the code that picks the slot, where memory comes from, and
+//     Table, Entry, Iterator, Code, Pools, Item   the records, the code that picks the slot, where memory comes from,
+//     and
 //                                                 what a Set stores: { key, ..., value }
 //     shrinkFrom                                  the fewest slots of a table that shrinks
 //     releasesOpenly                              true: what a remove releases may raise in the caller's object
@@ -15,7 +16,8 @@
 //     takeTable, releaseTable, takeEntry, releaseEntry, poolsEntries(pools)
 //     keepsKey(entry)                             true: a Set of a present key leaves the stored key as it is
 //     storeKey(ex, depth, table, entry, item), releaseKey(depth, ex, table, entry)
-//     mark(cursor, entry), clearMark(cursor)      what the cursor remembers of the current entry
+//     mark(cursor, entry), clearMark(cursor),     what the cursor remembers of the current entry, and the key to search
+//     isMarked(cursor), markedKey(cursor)         for that makes of it
 // A key to search for is any type with `code` and `matches(entry)`.
 
 #pragma once
@@ -174,8 +176,8 @@ struct LazyTable {
         return value;
     }
 
-    /// Moves up to `budget` entries out of the old table, if there is one, and destroys it once it is empty. Empty slots
-    /// on the way cost no budget.
+    /// Moves up to `budget` entries out of the old table, if there is one, and destroys it once it is empty. Empty
+    /// slots on the way cost no budget.
     static void lazyMove(korEx* ex, uint8_t depth, Table* table, int64_t budget)
     {
         Table* old = table->oldHash;
@@ -238,14 +240,19 @@ struct LazyTable {
         return cursor == nullptr || cursor->listNext == sentinel(iterator->hash) ? nullptr : cursor->listNext;
     }
 
-    /// Removes what the cursor remembers, if the walk is not at its end. The cursor then stands before the next entry,
-    /// which the walk has not visited.
-    template <class Key>
-    static void removeCurrent(uint8_t depth, korEx* ex, Iterator* iterator, const Key& key)
+    /// Removes what the cursor remembers, unless the walk is at its end or has no current entry. The cursor then stands
+    /// before an entry that the walk has not visited.
+    static void removeCurrent(uint8_t depth, korEx* ex, Iterator* iterator)
     {
-        iterator->skipAdvance = 1;
-        performRemove(KOR_AT_D(depth, ex), iterator->hash, key);
-        Policy::clearMark(iterator->hash->cursor);
+        if (iterator == nullptr || currentEntry(iterator) == nullptr || iterator->skipAdvance) {
+            return;
+        }
+        Entry* cursor = iterator->hash->cursor;
+        if (Policy::isMarked(cursor)) {
+            iterator->skipAdvance = 1;
+            performRemove(KOR_AT_D(depth, ex), iterator->hash, Policy::markedKey(cursor));
+            Policy::clearMark(cursor);
+        }
     }
 
     // ---- Measuring --------------------------------------------------------------------------------------------------

@@ -12,7 +12,9 @@
 
 KOR_BEGIN_DECLS
 
+/// The record of korHash.h.
 typedef korHash korHIDHash;
+/// Likewise.
 typedef korHashIterator korHIDHashIterator;
 
 /// As _korHash_Create.

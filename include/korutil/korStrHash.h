@@ -9,7 +9,9 @@
 
 KOR_BEGIN_DECLS
 
+/// The record of korHash.h.
 typedef korHash korStrHash;
+/// Likewise.
 typedef korHashIterator korStrHashIterator;
 
 /// As _korHash_Create.
