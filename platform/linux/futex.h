@@ -8,20 +8,19 @@
 #include <cstdint>
 #include <ctime>
 
-namespace kor::platform
-{
+namespace kor::platform {
 
 /// Sleeps while `*word` is `expected`: until a wake-up, or for the time of `relative` (NULL: no limit). `shared` is for
 /// words in memory that processes share. Gives 0 for a wake-up, ETIMEDOUT, EAGAIN if the word was another, EINTR for a
 /// signal's handler: look at the word again. errno is left alone.
-inline int32_t futexWait(uint32_t* word, uint32_t expected, const timespec* relative, bool shared)
+inline int32_t futexWait(uint32_t* word, uint32_t expected, const timespec* relative = nullptr, bool shared = false)
 {
     long operation = KOR_FUTEX_WAIT | (shared ? 0 : KOR_FUTEX_PRIVATE);
     return static_cast<int32_t>(-korMutex_futex(word, operation, expected, relative));
 }
 
 /// Wakes up to `count` threads that sleep on `word`, the longest sleeper first.
-inline void futexWake(uint32_t* word, int count, bool shared)
+inline void futexWake(uint32_t* word, int count, bool shared = false)
 {
     long operation = KOR_FUTEX_WAKE | (shared ? 0 : KOR_FUTEX_PRIVATE);
     korMutex_futex(word, operation, static_cast<uint32_t>(count), nullptr);
