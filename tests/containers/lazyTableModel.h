@@ -1,7 +1,7 @@
 // lazyTableModel.h - the model check and the sweep that every lazily resized table goes through, by a small adapter:
 //
 //     Subject(korEx* ex, int64_t slots)       makes the table (and its pools), the destructor takes them down
-//     set, get, remove(number ...)            numbers stand for keys
+//     set, get, remove(number ...)            numbers below lazyTableNumbers stand for keys
 //     startWalk(), next(&number, &value), removeCurrent()
 //     table()                                 the record, for its counts
 
@@ -14,6 +14,8 @@
 #include <unordered_map>
 
 namespace kor::test {
+
+constexpr uint64_t lazyTableNumbers = 1000;
 
 /// What the table must hold, in the order of insertion, and where a walk stands.
 class LazyTableModel
@@ -71,7 +73,6 @@ class LazyTableTest : public KorTest
 {
 protected:
     static constexpr int steps = 60000;
-    static constexpr uint64_t numbers = 3000; // keys in play
 
     // One step of the walk; the current entry is known for as long as nothing else removes it.
     void walkStep(Subject& subject, LazyTableModel& model, std::optional<uint64_t>& current)
@@ -94,8 +95,8 @@ protected:
         LazyTableModel model;
         std::optional<uint64_t> current;
         for (int step = 1; step <= steps && !this->HasFailure(); step++) {
-            unsigned sets = step / 6000 % 2 == 0 ? 60 : 10;
-            uint64_t number = random.below(numbers);
+            unsigned sets = step / 6000 % 2 == 0 ? 60 : 3;
+            uint64_t number = random.below(lazyTableNumbers);
             if (random.chance(sets)) {
                 uint64_t value = random.next();
                 ASSERT_EQ(subject.set(number, value), model.set(number, value));
@@ -165,8 +166,7 @@ TYPED_TEST_P(LazyTableTest, drainsInAWalk)
 TYPED_TEST_P(LazyTableTest, survivesFailingAllocations)
 {
     constexpr uint64_t count = 150; // grows up to 256 slots, and shrinks on the way down
-    korEx* ex = this->ex;
-    auto scenario = [ex] {
+    auto scenario = [ex = this->ex] {
         TypeParam subject(ex, 1);
         int32_t code = std::exchange(ex->code, 0);
         uint64_t stored = 0;
@@ -185,7 +185,7 @@ TYPED_TEST_P(LazyTableTest, survivesFailingAllocations)
         }
         ex->code = code;
     };
-    EXPECT_GT(sweepFailures(ex, scenario), 10);
+    EXPECT_GT(sweepFailures(this->ex, scenario), 10);
 }
 
 REGISTER_TYPED_TEST_SUITE_P(LazyTableTest, holdsWhatTheModelHolds, drainsInAWalk, survivesFailingAllocations);
