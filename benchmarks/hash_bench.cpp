@@ -5,8 +5,10 @@
 
 #include "korutil/korHash.h"
 
-#include <absl/container/flat_hash_map.h>
 #include <benchmark/benchmark.h>
+#ifdef KOR_HAVE_ABSL
+#include <absl/container/flat_hash_map.h>
+#endif
 
 #include <algorithm>
 #include <cstring>
@@ -85,6 +87,7 @@ struct StdTable {
     static Map::iterator find(Map& map, std::string_view key) { return map.find(key); }
 };
 
+#ifdef KOR_HAVE_ABSL
 struct AbslTable {
     static constexpr const char* name = "absl_flat_hash_map";
     using Map = absl::flat_hash_map<std::string, uint64_t>;
@@ -93,6 +96,7 @@ struct AbslTable {
         return map.find(absl::string_view(key.data(), key.size())); // a distribution's build may have its own view type
     }
 };
+#endif
 
 template <class Shape, class Table>
 class PeerMap
@@ -272,42 +276,39 @@ void runWorst(benchmark::State& state)
 
 using Run = void (*)(benchmark::State&);
 
-template <class Shape>
-void add(const char* operation, const std::vector<std::pair<const char*, Run>>& runs)
+void add(const std::string& name, const char* who, Run run)
 {
     for (int64_t size : {100, 10000, 1000000}) {
-        for (const auto& [who, run] : runs) {
-            std::string name = std::string("BM_Hash_") + operation + "_" + Shape::name + "/" + who;
-            benchmark::RegisterBenchmark(name.c_str(), run)->Arg(size);
-        }
+        benchmark::RegisterBenchmark((name + "/" + who).c_str(), run)->Arg(size);
     }
 }
 
-#define HASH_RUNS(run, Shape)                                                                                     \
-    {                                                                                                             \
-        {KorMap<Shape>::name, run<Shape, KorMap<Shape>>}, {StdTable::name, run<Shape, PeerMap<Shape, StdTable>>}, \
-        {                                                                                                         \
-            AbslTable::name, run<Shape, PeerMap<Shape, AbslTable>>                                                \
-        }                                                                                                         \
-    }
-
-template <class Shape>
+template <class Shape, class... Maps>
 void addShape()
 {
-    add<Shape>("set", HASH_RUNS(runSet, Shape));
-    add<Shape>("hit", HASH_RUNS(runHit, Shape));
-    add<Shape>("miss", HASH_RUNS(runMiss, Shape));
-    add<Shape>("remove", HASH_RUNS(runRemove, Shape));
-    add<Shape>("walk", HASH_RUNS(runWalk, Shape));
+    std::string shape = Shape::name;
+    (add("BM_Hash_set_" + shape, Maps::name, runSet<Shape, Maps>), ...);
+    (add("BM_Hash_hit_" + shape, Maps::name, runHit<Shape, Maps>), ...);
+    (add("BM_Hash_miss_" + shape, Maps::name, runMiss<Shape, Maps>), ...);
+    (add("BM_Hash_remove_" + shape, Maps::name, runRemove<Shape, Maps>), ...);
+    (add("BM_Hash_walk_" + shape, Maps::name, runWalk<Shape, Maps>), ...);
 }
 
+template <class Map>
 void addWorst()
 {
-    const std::vector<std::pair<const char*, Run>> runs = HASH_RUNS(runWorst, ShortText);
-    for (const auto& [who, run] : runs) {
-        std::string name = std::string("BM_Hash_worstSet_short/") + who;
-        benchmark::RegisterBenchmark(name.c_str(), run)->Arg(1000000)->Iterations(5)->UseManualTime();
-    }
+    std::string name = std::string("BM_Hash_worstSet_short/") + Map::name;
+    benchmark::RegisterBenchmark(name.c_str(), runWorst<ShortText, Map>)->Arg(1000000)->Iterations(5)->UseManualTime();
+}
+
+template <class Shape>
+void addPeers()
+{
+#ifdef KOR_HAVE_ABSL
+    addShape<Shape, KorMap<Shape>, PeerMap<Shape, StdTable>, PeerMap<Shape, AbslTable>>();
+#else
+    addShape<Shape, KorMap<Shape>, PeerMap<Shape, StdTable>>();
+#endif
 }
 
 } // namespace
@@ -315,10 +316,14 @@ void addWorst()
 int main(int argc, char** argv)
 {
     benchmark::Initialize(&argc, argv);
-    addShape<ShortText>();
-    addShape<LongText>();
-    addShape<Binary>();
-    addWorst();
+    addPeers<ShortText>();
+    addPeers<LongText>();
+    addPeers<Binary>();
+    addWorst<KorMap<ShortText>>();
+    addWorst<PeerMap<ShortText, StdTable>>();
+#ifdef KOR_HAVE_ABSL
+    addWorst<PeerMap<ShortText, AbslTable>>();
+#endif
     benchmark::RunSpecifiedBenchmarks();
     return 0;
 }
