@@ -229,12 +229,10 @@ void _korHash_CreatePools(korEx* ex, uint8_t depth, korPool** hashPool, korPool*
         *hashPool = _korPool_Create(KOR_AT(ex, depth), 100, sizeof(korHash), nullptr, nullptr, 1, 10);
     }
     if (entryPool != nullptr) {
-        *entryPool = _korPool_Create(KOR_AT(ex, depth), static_cast<uint32_t>(entries), sizeof(korHashEntry), nullptr,
-                                     nullptr, 1, static_cast<uint32_t>(refill));
+        *entryPool = _korPool_Create(KOR_AT(ex, depth), entries, sizeof(korHashEntry), nullptr, nullptr, 1, refill);
     }
     if (keyPool != nullptr) {
-        *keyPool = _korPool_Create(KOR_AT(ex, depth), static_cast<uint32_t>(keys), static_cast<uint32_t>(keySize),
-                                   nullptr, nullptr, 1, static_cast<uint32_t>(refill));
+        *keyPool = _korPool_Create(KOR_AT(ex, depth), keys, keySize, nullptr, nullptr, 1, refill);
     }
 }
 

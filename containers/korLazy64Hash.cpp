@@ -17,6 +17,17 @@ struct IntegerKey {
     bool matches(const korLazy64Entry* entry) const { return entry->key == code; }
 };
 
+// A cache that could not grow leaves the chunk with its caller; the pool takes it then.
+void returnToCache(uint8_t depth, korEx* ex, korPoolCache* cache, void* chunk)
+{
+    int32_t cached = cache->chunks.count;
+    bool keeps = cached < cache->maxSize;
+    _korPoolCache_Return(KOR_AT_D(depth, ex), cache, chunk);
+    if (keeps && cache->chunks.count == cached) {
+        _korPool_Return(KOR_AT_D(depth, ex), cache->pool, chunk);
+    }
+}
+
 struct IntegerPolicy {
     using Table = korLazy64Hash;
     using Entry = korLazy64Entry;
@@ -60,7 +71,7 @@ struct IntegerPolicy {
         if (pools == nullptr) {
             _kor_free(KOR_AT_D(depth, ex), entry);
         } else if (entry != nullptr) {
-            _korPoolCache_Return(KOR_AT_D(depth, ex), &pools->entryCache, entry);
+            returnToCache(KOR_AT_D(depth, ex), &pools->entryCache, entry);
         }
     }
 
@@ -80,7 +91,7 @@ struct IntegerPolicy {
 
 using Engine = kor::LazyTable<IntegerPolicy>;
 
-korPool* createPool(korEx* ex, uint8_t depth, uint32_t chunkSize)
+korPool* createPool(korEx* ex, uint8_t depth, int32_t chunkSize)
 {
     return _korPool_Create(KOR_AT(ex, depth), 100, chunkSize, nullptr, nullptr, 1, 100);
 }

@@ -23,11 +23,9 @@
 #define KORUTIL_KORHASH_H
 
 #include "korutil/korEx.h"
+#include "korutil/korPool.h"
 
 KOR_BEGIN_DECLS
-
-/// A chunk pool (korPool.h).
-typedef struct korPool korPool;
 
 /// The top bit of `korHashEntry.keyLength`: the key was copied by the table and is owned by it.
 #define KOR_HASH_KEY_COPIED 0x80000000u
