@@ -1,5 +1,4 @@
-// korSpookyHash.cpp - SpookyHash V2, after the description that Bob Jenkins published
-// (burtleburtle.net/bob/hash/spooky.html).
+// korSpookyHash.cpp - SpookyHash V2, as Bob Jenkins published it (burtleburtle.net/bob/hash/spooky.html).
 //
 // The hash is defined on little-endian words, which is how this library's processors load them.
 

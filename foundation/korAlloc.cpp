@@ -17,6 +17,7 @@ uint8_t gMemDebugExternalMemcheck = 0;
 namespace kor {
 
 uint64_t gMemBytesAllocated = 0;
+uint64_t gMemFailAllocAbove = UINT64_MAX;
 
 namespace {
 

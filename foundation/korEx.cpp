@@ -7,6 +7,7 @@
 #include "korutil/korAlloc.h"
 #include "korutil/korDpa.h"
 #include "korutil/korText.h"
+#include "korutil/korThread.h"
 #include "platform/error.h"
 
 #include <atomic>
@@ -116,6 +117,15 @@ void copyToChain(korEx* ex)
         copyDescription(next, ex);
         copyTrace(next, ex);
     }
+}
+
+// The name of the raising thread, cut to fit. Finding it may fail, in an object that nobody reads.
+void recordThreadName(korEx* ex)
+{
+    KOR_EX_LOCAL(local);
+    const char* name = nullptr;
+    _korThread_GetCurrentName(1, korEx_at(&local, 0, "_korEx_CopyToChain", __LINE__), &name);
+    _kor_StringCopy(ex->threadName, sizeof ex->threadName, name != nullptr ? name : "", 0);
 }
 
 void recordRaise(korEx* ex, const char* function, int32_t line, uint32_t depth)
@@ -353,7 +363,7 @@ void _korEx_SetException(korEx* ex, int32_t code, const char* description, uint8
         }
     }
     kor::recordRaise(ex, function, line, depth);
-    ex->threadName[0] = '\0';
+    kor::recordThreadName(ex);
     kor::copyToChain(ex);
     kor::platform::restoreLastErrors(saved);
 }

@@ -7,5 +7,6 @@
 namespace kor {
 
 extern uint64_t gMemBytesAllocated; ///< atomic
+extern uint64_t gMemFailAllocAbove; ///< atomic: no more memory once the count is above this; at first there is no limit
 
 } // namespace kor

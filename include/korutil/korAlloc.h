@@ -61,6 +61,7 @@ KOR_INLINE void* korAlloc_aligned(size_t alignment, size_t size)
 #endif
 }
 
+/// Its other half.
 KOR_INLINE void korAlloc_freeAligned(void* pointer)
 {
 #if defined(_WIN32)

@@ -1,6 +1,7 @@
 // korText.h - bounded text: copies that always terminate, formatting that reports a usable length, conversions.
 //
-// None of these takes a korEx; they report by the result. A `length` of 0 means "measure the source". Any thread.
+// None of these takes a korEx; they report by the result. A `length` of 0 means "measure the source"; a source of NULL
+// is empty. Any thread.
 
 #ifndef KORUTIL_KORTEXT_H
 #define KORUTIL_KORTEXT_H
@@ -36,7 +37,8 @@ KOR_API uint32_t _kor_StringCopy(char* destination, size_t size, const char* sou
 KOR_API uint32_t _kor_StringCat(char* destination, size_t size, const char* source, size_t length);
 
 /// Copies `source` without the white space at its two ends, cut to `size` - 1 and terminated. Gives the length written.
-/// An empty or blank source gives 0 and leaves the destination untouched, as does a size of 0.
+/// An empty or blank source gives 0 and leaves the destination untouched, as does a size of 0. Source and destination
+/// may be the same.
 KOR_API uint32_t _kor_TrimWhitespace(char* destination, size_t size, const char* source, size_t length);
 
 /// Reads an unsigned number: decimal, hexadecimal behind 0x, octal behind a leading 0. `*end` gets where reading

@@ -16,9 +16,13 @@
 #include "korutil/korFastLock.h"
 #include "korutil/korFastRWLock.h"
 #include "korutil/korHIDHash.h"
+#include "korutil/korHandler.h"
 #include "korutil/korHash.h"
 #include "korutil/korHeaderID.h"
 #include "korutil/korI64Hash.h"
+#include "korutil/korLib.h"
+#include "korutil/korLogLevel.h"
+#include "korutil/korLogger.h"
 #include "korutil/korMd5.h"
 #include "korutil/korMemReserve.h"
 #include "korutil/korMutex.h"
@@ -31,6 +35,8 @@
 #include "korutil/korSpookyHash.h"
 #include "korutil/korStrHash.h"
 #include "korutil/korText.h"
+#include "korutil/korThread.h"
+#include "korutil/korThreadLocal.h"
 #include "korutil/korTime.h"
 
 #endif

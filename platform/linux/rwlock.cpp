@@ -87,7 +87,7 @@ void sleepAsReader(uint64_t* address, uint64_t entry)
     Word word(*address);
     for (uint64_t seen; ((seen = word.load(std::memory_order_acquire)) & phase) == entry;) {
         hostileYield();
-        futexWait(readersHalf(address), static_cast<uint32_t>(seen));
+        futexWait(readersHalf(address), static_cast<uint32_t>(seen), nullptr, false);
     }
 }
 
@@ -99,7 +99,7 @@ void sleepAsWriter(uint64_t* address)
     for (uint64_t seen = word.load(std::memory_order_relaxed); !enterAsWriter(word, seen, oneWaitingWriter);
          seen = word.load(std::memory_order_relaxed)) {
         hostileYield();
-        futexWait(writersHalf(address), static_cast<uint32_t>(seen >> 32));
+        futexWait(writersHalf(address), static_cast<uint32_t>(seen >> 32), nullptr, false);
     }
 }
 
@@ -161,7 +161,7 @@ void readUnlock(uint64_t* address)
 {
     uint64_t before = Word(*address).fetch_sub(oneReader, std::memory_order_release);
     if ((before & held) == oneReader && (before & waitingWriters) != 0) [[unlikely]] {
-        futexWake(writersHalf(address), 1);
+        futexWake(writersHalf(address), 1, false);
     }
 }
 
@@ -182,9 +182,9 @@ void writeUnlock(uint64_t* address)
         hostileYield();
     }
     if ((seen & waitingReaders) != 0) [[unlikely]] {
-        futexWake(readersHalf(address), INT32_MAX);
+        futexWake(readersHalf(address), INT32_MAX, false);
     } else if ((seen & waitingWriters) != 0) [[unlikely]] {
-        futexWake(writersHalf(address), 1);
+        futexWake(writersHalf(address), 1, false);
     }
 }
 

@@ -100,7 +100,9 @@ bool processMemory(ProcessMemory& memory)
     if (K32GetProcessMemoryInfo(GetCurrentProcess(), plain, sizeof counters) == 0) {
         return false;
     }
-    memory = {counters.WorkingSetSize, counters.PeakWorkingSetSize, counters.PrivateUsage};
+    // The two count the same, the memory committed to this process; older Wine tells the second one only.
+    uint64_t committed = counters.PrivateUsage != 0 ? counters.PrivateUsage : counters.PagefileUsage;
+    memory = {counters.WorkingSetSize, counters.PeakWorkingSetSize, committed};
     return true;
 }
 
