@@ -39,9 +39,11 @@ constexpr uint32_t oneGeneration = 2;
 
 constexpr uint64_t settled = uint64_t{1} << 63; // a ticket with a result: there is nothing to wait for
 
-// Rounds in which the only waiter looks for its grant before it sleeps. A set that comes within them costs neither side
-// a system call.
-constexpr int spinRounds = hostile ? 1 : 200;
+// Rounds in which the only waiter looks for its grant before it sleeps: first for a set that is under way on another
+// processor, then giving this one to a thread that may be about to set. A set that comes within them costs neither side
+// a sleep and a wake-up.
+constexpr int spinRounds = hostile ? 0 : 20;
+constexpr int yieldRounds = hostile ? 1 : 20;
 
 uint32_t generationOf(uint64_t field)
 {
@@ -78,12 +80,12 @@ uint32_t* sleepWord(uint64_t* event)
 
 void spinForGrant(Field field, uint32_t ticket)
 {
-    for (int round = 0; round < spinRounds; round++) {
+    for (int round = 0; round < spinRounds + yieldRounds; round++) {
         uint64_t seen = field.load(std::memory_order_relaxed);
         if (generationOf(seen) != ticket || waitersOf(seen) != 1) {
             return;
         }
-        spinHint();
+        round < spinRounds ? spinHint() : yieldThread();
     }
 }
 
