@@ -27,6 +27,8 @@
 #include "korutil/korMemReserve.h"
 #include "korutil/korMutex.h"
 #include "korutil/korObjectMap.h"
+#include "korutil/korPool.h"
+#include "korutil/korPoolCache.h"
 #include "korutil/korProcess.h"
 #include "korutil/korRWLock.h"
 #include "korutil/korRefDpa.h"
