@@ -5,6 +5,11 @@
 
 #include <cstring>
 
+#ifdef _WIN32
+#include <malloc.h>
+#include <windows.h>
+#endif
+
 namespace kor::test {
 namespace {
 
@@ -16,12 +21,35 @@ struct Plan {
     bool fired = false;
 };
 
+#ifdef _WIN32
+// One plan at a time, and the number of its thread: a thread-local variable would ask the heap for its place.
+Plan plan;
+DWORD planner;
+
+bool planned()
+{
+    return plan.armed && planner == GetCurrentThreadId();
+}
+
+void claimPlan()
+{
+    planner = GetCurrentThreadId();
+}
+#else
 thread_local Plan plan;
+
+bool planned()
+{
+    return plan.armed;
+}
+
+void claimPlan() {}
+#endif
 
 // True if the heap is to refuse this request.
 bool refuse()
 {
-    if (!plan.armed) {
+    if (!planned()) {
         return false;
     }
     uint64_t number = ++plan.requests;
@@ -35,51 +63,58 @@ bool refuse()
 
 #ifdef _WIN32
 
-#include <malloc.h>
-#include <windows.h>
-
 namespace kor::test {
 namespace {
 
+// The heap's own functions, as the import tables named them: by their names, this program's wrappers would call
+// themselves.
+decltype(&malloc) heapMalloc;
+decltype(&calloc) heapCalloc;
+decltype(&realloc) heapRealloc;
+decltype(&_strdup) heapStrdup;
+decltype(&_aligned_malloc) heapAlignedMalloc;
+
 void* failingMalloc(size_t size)
 {
-    return refuse() ? nullptr : malloc(size);
+    return refuse() ? nullptr : heapMalloc(size);
 }
 void* failingCalloc(size_t count, size_t size)
 {
-    return refuse() ? nullptr : calloc(count, size);
+    return refuse() ? nullptr : heapCalloc(count, size);
 }
 void* failingRealloc(void* pointer, size_t size)
 {
-    return refuse() ? nullptr : realloc(pointer, size);
+    return refuse() ? nullptr : heapRealloc(pointer, size);
 }
 char* failingStrdup(const char* text)
 {
-    return refuse() ? nullptr : _strdup(text);
+    return refuse() ? nullptr : heapStrdup(text);
 }
 void* failingAlignedMalloc(size_t size, size_t alignment)
 {
-    return refuse() ? nullptr : _aligned_malloc(size, alignment);
+    return refuse() ? nullptr : heapAlignedMalloc(size, alignment);
 }
 
 struct Redirection {
     const char* name;
     void* target;
+    void* original;
 };
 
 const Redirection redirections[] = {
-    {"malloc", reinterpret_cast<void*>(failingMalloc)},
-    {"calloc", reinterpret_cast<void*>(failingCalloc)},
-    {"realloc", reinterpret_cast<void*>(failingRealloc)},
-    {"_strdup", reinterpret_cast<void*>(failingStrdup)},
-    {"strdup", reinterpret_cast<void*>(failingStrdup)},
-    {"_aligned_malloc", reinterpret_cast<void*>(failingAlignedMalloc)},
+    {"malloc", reinterpret_cast<void*>(failingMalloc), &heapMalloc},
+    {"calloc", reinterpret_cast<void*>(failingCalloc), &heapCalloc},
+    {"realloc", reinterpret_cast<void*>(failingRealloc), &heapRealloc},
+    {"_strdup", reinterpret_cast<void*>(failingStrdup), &heapStrdup},
+    {"strdup", reinterpret_cast<void*>(failingStrdup), &heapStrdup},
+    {"_aligned_malloc", reinterpret_cast<void*>(failingAlignedMalloc), &heapAlignedMalloc},
 };
 
 void redirect(IMAGE_THUNK_DATA* slot, const char* name)
 {
     for (const Redirection& redirection : redirections) {
         if (std::strcmp(redirection.name, name) == 0) {
+            std::memcpy(redirection.original, &slot->u1.Function, sizeof(void*));
             DWORD before;
             VirtualProtect(slot, sizeof *slot, PAGE_READWRITE, &before);
             slot->u1.Function = reinterpret_cast<ULONGLONG>(redirection.target);
@@ -177,6 +212,7 @@ namespace kor::test {
 FailingHeap::FailingHeap(uint64_t failing, uint64_t run)
 {
     install();
+    claimPlan();
     plan = {0, failing, run, true, false};
 }
 
