@@ -1,0 +1,73 @@
+// entry.cpp (Linux) - a key of the C library for the end of threads, a destructor function for the unloading.
+
+#include "platform/entry.h"
+
+#include <cstdint>
+#include <cstdlib>
+#include <pthread.h>
+
+// The module's first and last bytes, as the linker knows them.
+extern "C" {
+[[gnu::visibility("hidden")]] extern const char __ehdr_start[];
+[[gnu::visibility("hidden")]] extern const char _end[];
+}
+
+namespace kor::platform {
+
+namespace {
+
+pthread_key_t endKey;
+bool watching = false;
+bool processEnds = false;
+
+void endOfThread(void*)
+{
+    threadEnds();
+}
+
+void endOfProcess()
+{
+    processEnds = true;
+}
+
+[[gnu::constructor]] void loaded()
+{
+    if (atexit(endOfProcess) != 0) {
+        processEnds = true; // then every unloading passes for the end of the process: something leaks, nothing breaks
+    }
+}
+
+// Runs at the end of the process and when the module is unloaded, and only in the second case may anything be freed,
+// since other threads run on while a process ends. The order tells the two apart: at the end of the process the
+// handlers of atexit come before all destructor functions; at an unloading the C library's own destructor function,
+// the module's last one, runs the module's handlers.
+[[gnu::destructor]] void unloaded()
+{
+    if (watching) {
+        pthread_key_delete(endKey); // a thread that ends from here on must not jump into what is no longer there
+    }
+    if (!processEnds) {
+        libraryUnloads();
+    }
+}
+
+} // namespace
+
+bool watchThreads()
+{
+    watching = pthread_key_create(&endKey, endOfThread) == 0;
+    return watching;
+}
+
+bool watchThisThread()
+{
+    return pthread_setspecific(endKey, &endKey) == 0; // any value but NULL
+}
+
+bool isLibraryCode(const void* function)
+{
+    auto address = reinterpret_cast<uintptr_t>(function);
+    return address >= reinterpret_cast<uintptr_t>(__ehdr_start) && address < reinterpret_cast<uintptr_t>(_end);
+}
+
+} // namespace kor::platform
