@@ -42,7 +42,7 @@ constexpr uint64_t settled = uint64_t{1} << 63; // a ticket with a result: there
 // Rounds in which the only waiter looks for its grant before it sleeps: first for a set that is under way on another
 // processor, then giving this one to a thread that may be about to set. A set that comes within them costs neither side
 // a sleep and a wake-up.
-constexpr int spinRounds = hostile ? 0 : 20;
+constexpr int spinRounds = hostile ? 0 : 60;
 constexpr int yieldRounds = hostile ? 1 : 20;
 
 uint32_t generationOf(uint64_t field)
