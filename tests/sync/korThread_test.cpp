@@ -217,7 +217,7 @@ static uint64_t deepStack(void* argument)
     for (size_t at = 0; at < size; at += 4096) {
         room[at] = 1;
     }
-    return room[4096] + reinterpret_cast<uint64_t>(argument);
+    return static_cast<uint64_t>(room[4096]) + reinterpret_cast<uint64_t>(argument);
 }
 
 TEST_F(KorThread, StackSizeIsReadAtEveryCreation)
