@@ -4,6 +4,7 @@
 // been written. Everything here works with no open call at all.
 
 #include "korutil/korEx.h"
+#include "foundation/chain.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korDpa.h"
 #include "korutil/korText.h"
@@ -270,6 +271,15 @@ void printKeyFrame(const char* function, int32_t line)
 }
 
 } // namespace
+
+void passToChain(korEx* local)
+{
+    if (local->code != 0) {
+        local->own = 0;
+        copyToChain(local);
+    }
+}
+
 } // namespace kor
 
 korEx* _korEx_Create(void)

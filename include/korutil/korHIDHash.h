@@ -12,14 +12,16 @@
 
 KOR_BEGIN_DECLS
 
+/// The record of korHash.h.
 typedef korHash korHIDHash;
+/// Likewise.
 typedef korHashIterator korHIDHashIterator;
 
 /// As _korHash_Create.
 KOR_API korHIDHash* _korHIDHash_Create(korEx* ex, uint8_t depth, int64_t slots);
 /// As _korHash_CreatePooled. A copied numeric key takes 8 bytes, a UUID 24.
-KOR_API korHIDHash* _korHIDHash_CreatePooled(korEx* ex, uint8_t depth, int64_t slots, struct korPool* hashPool,
-                                             struct korPool* entryPool, struct korPool* keyPool);
+KOR_API korHIDHash* _korHIDHash_CreatePooled(korEx* ex, uint8_t depth, int64_t slots, korPool* hashPool,
+                                             korPool* entryPool, korPool* keyPool);
 /// As _korHash_Destroy.
 KOR_API void _korHIDHash_Destroy(uint8_t depth, korEx* ex, korHIDHash* hash);
 

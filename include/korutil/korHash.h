@@ -23,10 +23,9 @@
 #define KORUTIL_KORHASH_H
 
 #include "korutil/korEx.h"
+#include "korutil/korPool.h"
 
 KOR_BEGIN_DECLS
-
-struct korPool;
 
 /// The top bit of `korHashEntry.keyLength`: the key was copied by the table and is owned by it.
 #define KOR_HASH_KEY_COPIED 0x80000000u
@@ -44,17 +43,17 @@ typedef struct korHashEntry {
 
 /// The table. Callers read `count` (of both tables while `oldHash` is set) and leave the rest to the functions.
 typedef struct korHash {
-    int64_t count;             ///< entries in this table's own slots; those still in `oldHash` are not included
-    int64_t slotCount;         ///< a power of two; 0 after _korHash_Clear
-    korHashEntry* slots;       ///< the slots, owned
-    struct korHash* oldHash;   ///< the table being emptied while a size change runs, owned; else NULL
-    korHashEntry* firstEntry;  ///< head of the list of all entries; the table itself is its sentinel
-    korHashEntry* lastEntry;   ///< tail of that list
-    int64_t moveIndex;         ///< of an old table: the next slot to take entries from
-    struct korPool* keyPool;   ///< for copied keys that fit its chunks, or NULL
-    struct korPool* entryPool; ///< for entries, the cursor and a one-slot array, or NULL
-    struct korPool* hashPool;  ///< the pool that this object came from, or NULL
-    korHashEntry* cursor;      ///< the one marker for walks, owned
+    int64_t count;            ///< entries in this table's own slots; those still in `oldHash` are not included
+    int64_t slotCount;        ///< a power of two; 0 after _korHash_Clear
+    korHashEntry* slots;      ///< the slots, owned
+    struct korHash* oldHash;  ///< the table being emptied while a size change runs, owned; else NULL
+    korHashEntry* firstEntry; ///< head of the list of all entries; the table itself is its sentinel
+    korHashEntry* lastEntry;  ///< tail of that list
+    int64_t moveIndex;        ///< of an old table: the next slot to take entries from
+    korPool* keyPool;         ///< for copied keys that fit its chunks, or NULL
+    korPool* entryPool;       ///< for entries, the cursor and a one-slot array, or NULL
+    korPool* hashPool;        ///< the pool that this object came from, or NULL
+    korHashEntry* cursor;     ///< the one marker for walks, owned
 } korHash;
 
 /// A walk, kept by the caller. A table has one marker, so it has one walk at a time.
@@ -71,8 +70,8 @@ typedef struct korHashIterator {
 /// pools with _korPool_Destroy, after the tables. Does nothing with an error pending.
 ///
 /// Errors: 1 "Key size must be greater than zero"; what _korPool_Create raises.
-KOR_API void _korHash_CreatePools(korEx* ex, uint8_t depth, struct korPool** hashPool, struct korPool** entryPool,
-                                  int32_t keySize, struct korPool** keyPool, int32_t capacity);
+KOR_API void _korHash_CreatePools(korEx* ex, uint8_t depth, korPool** hashPool, korPool** entryPool, int32_t keySize,
+                                  korPool** keyPool, int32_t capacity);
 
 /// Initialises a table in the caller's memory, with at least `slots` slots (rounded up to a power of two). On an error
 /// the object is zeroed, and _korHash_Clear accepts it. Undone by _korHash_Clear.
@@ -80,16 +79,16 @@ KOR_API void _korHash_CreatePools(korEx* ex, uint8_t depth, struct korPool** has
 /// Errors: 1 "Number of slots must be greater than zero"; 2.
 KOR_API void _korHash_Init(korEx* ex, uint8_t depth, korHash* hash, int64_t slots);
 /// The same with pools, each of which may be NULL.
-KOR_API void _korHash_InitPooled(korEx* ex, uint8_t depth, korHash* hash, int64_t slots, struct korPool* entryPool,
-                                 struct korPool* keyPool);
+KOR_API void _korHash_InitPooled(korEx* ex, uint8_t depth, korHash* hash, int64_t slots, korPool* entryPool,
+                                 korPool* keyPool);
 
 /// Makes a table with at least `slots` slots. The caller destroys it with _korHash_Destroy. NULL on an error.
 ///
 /// Errors: 1 "Number of slots must be greater than zero"; 2.
 KOR_API korHash* _korHash_Create(korEx* ex, uint8_t depth, int64_t slots);
 /// The same with pools, each of which may be NULL; they must outlive the table.
-KOR_API korHash* _korHash_CreatePooled(korEx* ex, uint8_t depth, int64_t slots, struct korPool* hashPool,
-                                       struct korPool* entryPool, struct korPool* keyPool);
+KOR_API korHash* _korHash_CreatePooled(korEx* ex, uint8_t depth, int64_t slots, korPool* hashPool, korPool* entryPool,
+                                       korPool* keyPool);
 
 /// Frees what a table in the caller's memory holds: entries, copied keys, slots. NULL and a cleared table are accepted.
 /// Values stay the caller's. The table cannot be used again before a new _korHash_Init. Works with an error pending.

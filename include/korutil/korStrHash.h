@@ -9,14 +9,16 @@
 
 KOR_BEGIN_DECLS
 
+/// The record of korHash.h.
 typedef korHash korStrHash;
+/// Likewise.
 typedef korHashIterator korStrHashIterator;
 
 /// As _korHash_Create.
 KOR_API korStrHash* _korStrHash_Create(korEx* ex, uint8_t depth, int64_t slots);
 /// As _korHash_CreatePooled.
-KOR_API korStrHash* _korStrHash_CreatePooled(korEx* ex, uint8_t depth, int64_t slots, struct korPool* hashPool,
-                                             struct korPool* entryPool, struct korPool* keyPool);
+KOR_API korStrHash* _korStrHash_CreatePooled(korEx* ex, uint8_t depth, int64_t slots, korPool* hashPool,
+                                             korPool* entryPool, korPool* keyPool);
 /// As _korHash_Destroy.
 KOR_API void _korStrHash_Destroy(uint8_t depth, korEx* ex, korStrHash* hash);
 

@@ -20,6 +20,7 @@
 #include "korutil/korHash.h"
 #include "korutil/korHeaderID.h"
 #include "korutil/korI64Hash.h"
+#include "korutil/korLazy64Hash.h"
 #include "korutil/korLib.h"
 #include "korutil/korLogLevel.h"
 #include "korutil/korLogger.h"

@@ -89,6 +89,7 @@ TEST_F(korMemReserveTest, HasOneCallback)
     EXPECT_EQ(told.calls, 0);
     _korMemReserve_SetFreedCallback(ex, 0, onFreed, &other);
     _korMemReserve_Free(0, ex);
+    _korMemReserve_SetFreedCallback(ex, 0, nullptr, nullptr);
     EXPECT_CLEAN();
     EXPECT_EQ(other.calls, 1);
     EXPECT_EQ(told.calls, 0);

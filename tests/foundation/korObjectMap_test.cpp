@@ -148,7 +148,7 @@ struct Object {
     }
 };
 
-constexpr int places = 4, owners = 2, users = 2, rounds = 20000;
+constexpr int places = 4, owners = 2, users = 2, rounds = 10000;
 
 void releaseObject(korEx* ex, uint64_t id, Object* object)
 {
@@ -182,6 +182,8 @@ uint64_t useObjects(std::atomic<uint64_t>* ids, const std::atomic<bool>& ended)
             EXPECT_TRUE(object->usable);
             releaseObject(ex, id, object);
             reached++;
+        } else {
+            std::this_thread::yield(); // to an owner, who brings a new one
         }
         EXPECT_TRUE(ex->code == 0 || ex->code == KOR_ERROR_INVALID_ARGUMENT);
         korEx_Clear(ex);

@@ -5,6 +5,11 @@
 
 #include <cstring>
 
+#ifdef _WIN32
+#include <malloc.h>
+#include <windows.h>
+#endif
+
 namespace kor::test {
 namespace {
 
@@ -16,12 +21,35 @@ struct Plan {
     bool fired = false;
 };
 
+#ifdef _WIN32
+// One plan at a time, and the number of its thread: a thread-local variable would ask the heap for its place.
+Plan plan;
+DWORD planner;
+
+bool planned()
+{
+    return plan.armed && planner == GetCurrentThreadId();
+}
+
+void claimPlan()
+{
+    planner = GetCurrentThreadId();
+}
+#else
 thread_local Plan plan;
+
+bool planned()
+{
+    return plan.armed;
+}
+
+void claimPlan() {}
+#endif
 
 // True if the heap is to refuse this request.
 bool refuse()
 {
-    if (!plan.armed) {
+    if (!planned()) {
         return false;
     }
     uint64_t number = ++plan.requests;
@@ -35,51 +63,58 @@ bool refuse()
 
 #ifdef _WIN32
 
-#include <malloc.h>
-#include <windows.h>
-
 namespace kor::test {
 namespace {
 
+// The heap's own functions, as the import tables named them: by their names, this program's wrappers would call
+// themselves.
+decltype(&malloc) heapMalloc;
+decltype(&calloc) heapCalloc;
+decltype(&realloc) heapRealloc;
+decltype(&_strdup) heapStrdup;
+decltype(&_aligned_malloc) heapAlignedMalloc;
+
 void* failingMalloc(size_t size)
 {
-    return refuse() ? nullptr : malloc(size);
+    return refuse() ? nullptr : heapMalloc(size);
 }
 void* failingCalloc(size_t count, size_t size)
 {
-    return refuse() ? nullptr : calloc(count, size);
+    return refuse() ? nullptr : heapCalloc(count, size);
 }
 void* failingRealloc(void* pointer, size_t size)
 {
-    return refuse() ? nullptr : realloc(pointer, size);
+    return refuse() ? nullptr : heapRealloc(pointer, size);
 }
 char* failingStrdup(const char* text)
 {
-    return refuse() ? nullptr : _strdup(text);
+    return refuse() ? nullptr : heapStrdup(text);
 }
 void* failingAlignedMalloc(size_t size, size_t alignment)
 {
-    return refuse() ? nullptr : _aligned_malloc(size, alignment);
+    return refuse() ? nullptr : heapAlignedMalloc(size, alignment);
 }
 
 struct Redirection {
     const char* name;
     void* target;
+    void* original;
 };
 
 const Redirection redirections[] = {
-    {"malloc", reinterpret_cast<void*>(failingMalloc)},
-    {"calloc", reinterpret_cast<void*>(failingCalloc)},
-    {"realloc", reinterpret_cast<void*>(failingRealloc)},
-    {"_strdup", reinterpret_cast<void*>(failingStrdup)},
-    {"strdup", reinterpret_cast<void*>(failingStrdup)},
-    {"_aligned_malloc", reinterpret_cast<void*>(failingAlignedMalloc)},
+    {"malloc", reinterpret_cast<void*>(failingMalloc), &heapMalloc},
+    {"calloc", reinterpret_cast<void*>(failingCalloc), &heapCalloc},
+    {"realloc", reinterpret_cast<void*>(failingRealloc), &heapRealloc},
+    {"_strdup", reinterpret_cast<void*>(failingStrdup), &heapStrdup},
+    {"strdup", reinterpret_cast<void*>(failingStrdup), &heapStrdup},
+    {"_aligned_malloc", reinterpret_cast<void*>(failingAlignedMalloc), &heapAlignedMalloc},
 };
 
 void redirect(IMAGE_THUNK_DATA* slot, const char* name)
 {
     for (const Redirection& redirection : redirections) {
         if (std::strcmp(redirection.name, name) == 0) {
+            std::memcpy(redirection.original, &slot->u1.Function, sizeof(void*));
             DWORD before;
             VirtualProtect(slot, sizeof *slot, PAGE_READWRITE, &before);
             slot->u1.Function = reinterpret_cast<ULONGLONG>(redirection.target);
@@ -123,7 +158,7 @@ extern "C" {
 __attribute__((weak)) void* __interceptor_malloc(size_t size);
 __attribute__((weak)) void* __interceptor_calloc(size_t count, size_t size);
 __attribute__((weak)) void* __interceptor_realloc(void* pointer, size_t size);
-__attribute__((weak)) int __interceptor_posix_memalign(void** result, size_t alignment, size_t size);
+__attribute__((weak)) void* __interceptor_aligned_alloc(size_t alignment, size_t size);
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* pointer, size_t size);
@@ -153,16 +188,13 @@ void* realloc(void* pointer, size_t size)
     return __interceptor_realloc != nullptr ? __interceptor_realloc(pointer, size) : __libc_realloc(pointer, size);
 }
 
-int posix_memalign(void** result, size_t alignment, size_t size)
+void* aligned_alloc(size_t alignment, size_t size)
 {
     if (kor::test::refuse()) {
-        return ENOMEM;
+        return nullptr;
     }
-    if (__interceptor_posix_memalign != nullptr) {
-        return __interceptor_posix_memalign(result, alignment, size);
-    }
-    *result = __libc_memalign(alignment, size);
-    return *result == nullptr ? ENOMEM : 0;
+    return __interceptor_aligned_alloc != nullptr ? __interceptor_aligned_alloc(alignment, size)
+                                                  : __libc_memalign(alignment, size);
 }
 }
 
@@ -177,6 +209,7 @@ namespace kor::test {
 FailingHeap::FailingHeap(uint64_t failing, uint64_t run)
 {
     install();
+    claimPlan();
     plan = {0, failing, run, true, false};
 }
 
