@@ -176,8 +176,9 @@ uint64_t useObjects(std::atomic<uint64_t>* ids, const std::atomic<bool>& ended)
 {
     korEx* ex = korEx_Create();
     uint64_t reached = 0;
-    for (int round = 0; !ended; round++) {
-        uint64_t id = ids[round % places];
+    int round = 0;
+    do { // at least once: at the end every place has a living object
+        uint64_t id = ids[round++ % places];
         if (auto* object = static_cast<Object*>(_korObjectMap_Get(ex, 0, id))) {
             EXPECT_TRUE(object->usable);
             releaseObject(ex, id, object);
@@ -187,7 +188,7 @@ uint64_t useObjects(std::atomic<uint64_t>* ids, const std::atomic<bool>& ended)
         }
         EXPECT_TRUE(ex->code == 0 || ex->code == KOR_ERROR_INVALID_ARGUMENT);
         korEx_Clear(ex);
-    }
+    } while (!ended);
     korEx_Destroy(ex);
     return reached;
 }
