@@ -177,7 +177,7 @@ uint64_t useObjects(std::atomic<uint64_t>* ids, const std::atomic<bool>& ended)
     korEx* ex = korEx_Create();
     uint64_t reached = 0;
     int round = 0;
-    do { // at least once: at the end every place has a living object
+    do { // until it has reached one: at the end every place has a living object
         uint64_t id = ids[round++ % places];
         if (auto* object = static_cast<Object*>(_korObjectMap_Get(ex, 0, id))) {
             EXPECT_TRUE(object->usable);
@@ -188,7 +188,7 @@ uint64_t useObjects(std::atomic<uint64_t>* ids, const std::atomic<bool>& ended)
         }
         EXPECT_TRUE(ex->code == 0 || ex->code == KOR_ERROR_INVALID_ARGUMENT);
         korEx_Clear(ex);
-    } while (!ended);
+    } while (!ended || reached == 0);
     korEx_Destroy(ex);
     return reached;
 }
