@@ -158,7 +158,7 @@ extern "C" {
 __attribute__((weak)) void* __interceptor_malloc(size_t size);
 __attribute__((weak)) void* __interceptor_calloc(size_t count, size_t size);
 __attribute__((weak)) void* __interceptor_realloc(void* pointer, size_t size);
-__attribute__((weak)) int __interceptor_posix_memalign(void** result, size_t alignment, size_t size);
+__attribute__((weak)) void* __interceptor_aligned_alloc(size_t alignment, size_t size);
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* pointer, size_t size);
@@ -188,16 +188,13 @@ void* realloc(void* pointer, size_t size)
     return __interceptor_realloc != nullptr ? __interceptor_realloc(pointer, size) : __libc_realloc(pointer, size);
 }
 
-int posix_memalign(void** result, size_t alignment, size_t size)
+void* aligned_alloc(size_t alignment, size_t size)
 {
     if (kor::test::refuse()) {
-        return ENOMEM;
+        return nullptr;
     }
-    if (__interceptor_posix_memalign != nullptr) {
-        return __interceptor_posix_memalign(result, alignment, size);
-    }
-    *result = __libc_memalign(alignment, size);
-    return *result == nullptr ? ENOMEM : 0;
+    return __interceptor_aligned_alloc != nullptr ? __interceptor_aligned_alloc(alignment, size)
+                                                  : __libc_memalign(alignment, size);
 }
 }
 
