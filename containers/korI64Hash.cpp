@@ -40,22 +40,28 @@ bool isChained(const korI64Hash* hash, const korI64Entry* entry)
     return entry != slotOf(hash, entry->key);
 }
 
-// The entry of `key`, which may be the slot's own, or null.
-korI64Entry* find(const korI64Hash* hash, int64_t key)
+// The search behind a slot's own record.
+korI64Entry* findChained(korI64Entry* slot, const korI64Hash* hash, int64_t key)
 {
     uint32_t home = homeOf(hash, key);
-    korI64Entry* slot = &hash->slots[home];
-    if (isEmpty(slot)) {
-        return nullptr;
-    }
-    korI64Entry* entry = slot;
-    do {
+    for (korI64Entry* entry = slot->next; entry != slot && homeOf(hash, entry->key) == home; entry = entry->next) {
         if (entry->key == key) {
             return entry;
         }
-        entry = entry->next;
-    } while (entry != slot && homeOf(hash, entry->key) == home);
+    }
     return nullptr;
+}
+
+// The entry of `key`, which may be the slot's own, or null. The key is compared before the link is read, so that a hit
+// in the slot touches the first half of the record alone, which never lies across two cache lines. An empty slot has
+// key 0, and 0 is at home in the first slot only: no other key than 0 can meet an empty slot with its own key.
+KOR_INLINE korI64Entry* find(const korI64Hash* hash, int64_t key)
+{
+    korI64Entry* slot = slotOf(hash, key);
+    if (KOR_LIKELY(slot->key == key)) {
+        return KOR_LIKELY(key != 0) || !isEmpty(slot) ? slot : nullptr;
+    }
+    return isEmpty(slot) ? nullptr : findChained(slot, hash, key);
 }
 
 // Walks the whole circle of a small table, for the hostile build.
@@ -109,8 +115,8 @@ void unlink(korI64Entry* entry)
 
 korI64Entry* takeEntry(korEx* ex, uint8_t depth, korI64HashPools* pools)
 {
-    (void)pools;
-    void* entry = _kor_malloc(KOR_AT(ex, depth), sizeof(korI64Entry));
+    void* entry = pools != nullptr ? _korPoolCache_Get(KOR_AT(ex, depth), &pools->entryCache)
+                                   : _kor_malloc(KOR_AT(ex, depth), sizeof(korI64Entry));
     if (entry == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
     }
@@ -119,8 +125,15 @@ korI64Entry* takeEntry(korEx* ex, uint8_t depth, korI64HashPools* pools)
 
 void releaseEntry(uint8_t depth, korEx* ex, korI64HashPools* pools, korI64Entry* entry)
 {
-    (void)pools;
-    _kor_free(KOR_AT_D(depth, ex), entry);
+    if (pools == nullptr) {
+        _kor_free(KOR_AT_D(depth, ex), entry);
+        return;
+    }
+    KOR_EX_PRIVATE(local, ex, depth);
+    _korPoolCache_Return(KOR_AT_D(depth, &local), &pools->entryCache, entry);
+    if (local.code != 0) { // the cache can not grow, but the pool takes every chunk
+        _korPool_Return(KOR_AT_D(depth, ex), pools->entryCache.pool, entry);
+    }
 }
 
 // ---- Making ----
@@ -226,7 +239,7 @@ void doubleSlots(korEx* ex, uint8_t depth, korI64Hash* hash, korI64HashPools* po
         entry = next;
     } while (entry != old.listHead);
     check(hash);
-    while (spares > 0) { // only now, for giving back can raise, and by then the table must stand
+    while (spares > 0) {
         releaseEntry(KOR_AT_D(depth, ex), pools, spare[--spares]);
     }
     _kor_free(KOR_AT_D(depth, ex), spare);
@@ -307,7 +320,8 @@ Removal removeEntry(uint8_t depth, korEx* ex, korI64Hash* hash, korI64HashPools*
         return Removal::chained;
     }
     if (hash->entryCount == 0) {
-        entry->next = hash->listHead = nullptr;
+        *entry = {};
+        hash->listHead = nullptr;
         return Removal::last;
     }
     if (slotOf(hash, next->key) == entry) {
@@ -321,7 +335,7 @@ Removal removeEntry(uint8_t depth, korEx* ex, korI64Hash* hash, korI64HashPools*
     if (hash->listHead == entry) {
         hash->listHead = next;
     }
-    entry->next = nullptr;
+    *entry = {};
     return Removal::alone;
 }
 
@@ -400,20 +414,25 @@ void performRemoveCurrent(uint8_t depth, korEx* ex, korI64HashIterator* iterator
     check(hash);
 }
 
-// Steps a walk to the entry that is to be given next. False at the end.
-bool advance(korI64HashIterator* iterator)
+// The entry that a walk gives next, with `current` on it, or null at the end.
+korI64Entry* advance(korI64HashIterator* iterator)
 {
-    if (iterator->current == nullptr) {
-        return false;
+    korI64Entry* entry = iterator->current;
+    if (entry != nullptr && iterator->skipAdvance == 0) {
+        entry = entry->next == iterator->hash->listHead ? nullptr : entry->next;
+        iterator->current = entry;
     }
-    if (iterator->skipAdvance == 0) {
-        iterator->current = iterator->current->next;
-        if (iterator->current == iterator->hash->listHead) {
-            iterator->current = nullptr;
-            return false;
-        }
+    return entry;
+}
+
+void give(int64_t fromKey, uint64_t fromValue, int64_t* key, uint64_t* value)
+{
+    if (key != nullptr) {
+        *key = fromKey;
     }
-    return true;
+    if (value != nullptr) {
+        *value = fromValue;
+    }
 }
 
 void performClear(uint8_t depth, korEx* ex, korI64Hash* hash, korI64HashPools* pools)
@@ -442,6 +461,45 @@ void performClear(uint8_t depth, korEx* ex, korI64Hash* hash, korI64HashPools* p
 } // namespace kor
 
 using namespace kor;
+
+// ---- Pools ----------------------------------------------------------------------------------------------------------
+
+void _korI64Hash_CreatePoolsEx(korEx* ex, uint8_t depth, korI64HashPools* pools, int64_t cacheSize)
+{
+    constexpr int32_t chunksPerBlock = 100;
+    constexpr int32_t minBlocks = 1;
+    constexpr int32_t refillTarget = 100;
+    *pools = {};
+    pools->hashPool = _korPool_Create(KOR_AT(ex, depth), chunksPerBlock, sizeof(korI64Hash), nullptr, nullptr,
+                                      minBlocks, refillTarget);
+    korPool* entries = _korPool_Create(KOR_AT(ex, depth), chunksPerBlock, sizeof(korI64Entry), nullptr, nullptr,
+                                       minBlocks, refillTarget);
+    if (entries != nullptr) {
+        _korPoolCache_Init(KOR_AT(ex, depth), &pools->entryCache, cacheSize, entries);
+        pools->entryCache.pool = entries; // a failed cache, too, is where the pool is found
+    }
+    if (ex->code != 0) {
+        _korI64Hash_DestroyPools(KOR_AT_D(depth, ex), pools);
+    }
+}
+
+void _korI64Hash_CreatePools(korEx* ex, uint8_t depth, korI64HashPools* pools)
+{
+    _korI64Hash_CreatePoolsEx(KOR_AT(ex, depth), pools, -1);
+}
+
+void _korI64Hash_DestroyPools(uint8_t depth, korEx* ex, korI64HashPools* pools)
+{
+    if (pools == nullptr) {
+        return;
+    }
+    korPool* entries = pools->entryCache.pool;
+    _korPoolCache_Clear(KOR_AT_D(depth, ex), &pools->entryCache);
+    _korPool_Destroy(KOR_AT_D(depth, ex), entries);
+    _korPool_Destroy(KOR_AT_D(depth, ex), pools->hashPool);
+    pools->entryCache.pool = nullptr;
+    pools->hashPool = nullptr;
+}
 
 // ---- Tables ---------------------------------------------------------------------------------------------------------
 
@@ -473,6 +531,21 @@ korI64Hash* _korI64Hash_Create(korEx* ex, uint8_t depth, int32_t slots)
     return hash;
 }
 
+korI64Hash* _korI64Hash_CreatePooled(korEx* ex, uint8_t depth, korI64HashPools* pools, int32_t slots)
+{
+    auto* hash = static_cast<korI64Hash*>(_korPool_Get(KOR_AT(ex, depth), pools->hashPool));
+    if (hash == nullptr) {
+        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
+        return nullptr;
+    }
+    performInit(KOR_AT(ex, depth), hash, slots);
+    if (ex->code != 0) {
+        _korPool_Return(KOR_AT_D(depth, ex), pools->hashPool, hash);
+        return nullptr;
+    }
+    return hash;
+}
+
 void _korI64Hash_Clear(uint8_t depth, korEx* ex, korI64Hash* hash)
 {
     performClear(KOR_AT_D(depth, ex), hash, nullptr);
@@ -487,6 +560,15 @@ void _korI64Hash_Destroy(uint8_t depth, korEx* ex, korI64Hash* hash)
 {
     performClear(KOR_AT_D(depth, ex), hash, nullptr);
     _kor_free(KOR_AT_D(depth, ex), hash);
+}
+
+void _korI64Hash_DestroyPooled(uint8_t depth, korEx* ex, korI64Hash* hash, korI64HashPools* pools)
+{
+    if (hash == nullptr) {
+        return;
+    }
+    performClear(KOR_AT_D(depth, ex), hash, pools);
+    _korPool_Return(KOR_AT_D(depth, ex), pools->hashPool, hash);
 }
 
 // ---- Entries --------------------------------------------------------------------------------------------------------
@@ -557,20 +639,19 @@ bool _korI64Hash_Next(korEx* ex, uint8_t, korI64HashIterator* iterator, int64_t*
         return false;
     }
     const korI64Hash* hash = iterator->hash;
-    bool single = hash->slotCount == 0;
-    if (single && (iterator->skipAdvance == 0 || hash->entryCount == 0)) {
-        return false;
-    }
-    if (!single && !advance(iterator)) {
-        return false;
+    if (hash->slotCount == 0) {
+        if (iterator->skipAdvance == 0 || hash->entryCount == 0) {
+            return false;
+        }
+        give(hash->singleKey, hash->singleValue, key, value);
+    } else {
+        const korI64Entry* entry = advance(iterator);
+        if (entry == nullptr) {
+            return false;
+        }
+        give(entry->key, entry->value, key, value);
     }
     iterator->skipAdvance = 0;
-    if (key != nullptr) {
-        *key = single ? hash->singleKey : iterator->current->key;
-    }
-    if (value != nullptr) {
-        *value = single ? hash->singleValue : iterator->current->value;
-    }
     return true;
 }
 

@@ -7,8 +7,7 @@
 
 #include <cstdint>
 
-namespace kor::platform
-{
+namespace kor::platform {
 
 inline constexpr uint32_t waitForEver = 0xFFFFFFFF;
 
@@ -20,5 +19,10 @@ bool eventReset(uint64_t* event);  ///< puts it off; false if the field holds no
 /// Waits until it is on, and puts it off, for at most `timeoutMs` milliseconds, `waitForEver` for no limit. 0 if it was
 /// taken, errorTimedOut if the time ran out, another system error number if the wait failed.
 int32_t eventWait(uint64_t* event, uint32_t timeoutMs);
+
+/// The same in two steps, so that a thread can stand in line before it gives up what others need to set the event. Each
+/// ticket is waited for once. (Windows knows no such line: there both steps happen in the second.)
+uint64_t eventEnlist(uint64_t* event);
+int32_t eventWaitEnlisted(uint64_t* event, uint64_t ticket, uint32_t timeoutMs);
 
 } // namespace kor::platform

@@ -6,6 +6,7 @@
 #include "korutil/korDpa.h"
 #include "foundation/hostile.h"
 #include "korutil/korAlloc.h"
+#include "korutil/korPool.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -16,7 +17,8 @@ static_assert(sizeof(korDpa) == 24 && offsetof(korDpa, items) == 8 && offsetof(k
 namespace kor {
 namespace {
 
-constexpr int32_t heapSlots = 5; // the least that is asked of the heap
+constexpr int32_t heapSlots = 5;                                // the least that is asked of the heap
+constexpr int32_t maxChunkSlots = INT32_MAX / sizeof(uint64_t); // beyond it a chunk's size is no 32-bit number
 
 size_t bytesOf(int32_t slots)
 {
@@ -57,6 +59,12 @@ int32_t capacityFor(int32_t size, int32_t slots, bool pooled)
 int32_t tripling(const korDpa* dpa)
 {
     return dpa->capacity > INT32_MAX / 2 ? INT32_MAX : std::max(dpa->capacity * 2, 2);
+}
+
+// Looks at four slots with one branch, which is what makes a linear search quick.
+bool holdsAny(const uint64_t* slots, uint64_t value)
+{
+    return (slots[0] == value) | (slots[1] == value) | (slots[2] == value) | (slots[3] == value);
 }
 
 void insertAt(korDpa* dpa, int32_t index, uint64_t value)
@@ -167,6 +175,14 @@ void mergeOrdered(korEx* ex, uint8_t depth, korDpa* dpa, const korDpa* source, k
     }
 }
 
+korPool* createPool(korEx* ex, uint8_t depth, int32_t chunkSize)
+{
+    constexpr int32_t chunksPerBlock = 100;
+    constexpr int32_t minBlocks = 1;
+    constexpr int32_t refillTarget = 10;
+    return _korPool_Create(KOR_AT(ex, depth), chunksPerBlock, chunkSize, nullptr, nullptr, minBlocks, refillTarget);
+}
+
 } // namespace
 } // namespace kor
 
@@ -174,19 +190,43 @@ using namespace kor;
 
 // ---- Making and giving back -----------------------------------------------------------------------------------------
 
+void _korDpa_CreatePools(korEx* ex, uint8_t depth, korPool** objects, korPool** arrays, int32_t size)
+{
+    korPool* unused;
+    objects = objects != nullptr ? objects : &unused;
+    *objects = nullptr;
+    if (arrays != nullptr) {
+        *arrays = nullptr;
+        if (size < 1 || size > maxChunkSlots) {
+            KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, nullptr);
+        }
+    }
+    if (objects != &unused) {
+        *objects = createPool(KOR_AT(ex, depth), sizeof(korDpa));
+    }
+    if (arrays != nullptr) {
+        *arrays = createPool(KOR_AT(ex, depth), size * static_cast<int32_t>(sizeof(uint64_t)));
+        if (*arrays == nullptr) {
+            _korPool_Destroy(KOR_AT_D(depth, ex), *objects);
+            *objects = nullptr;
+        }
+    }
+}
+
 void _korDpa_PerformInit(korEx* ex, uint8_t depth, korDpa* dpa, int32_t size, korPool* arrays)
 {
     makeEmpty(dpa); // and so it stays if anything below fails
     if (ex->code != 0) {
         return;
     }
-    int32_t slots = heapSlots;
+    int32_t slots = arrays != nullptr ? static_cast<int32_t>(_korPool_ChunkSize(arrays) / sizeof(uint64_t)) : heapSlots;
     int32_t capacity = capacityFor(size, slots, arrays != nullptr);
     if (capacity == 1) {
         return;
     }
-    korPool* pool = nullptr;
-    void* items = _kor_malloc(KOR_AT(ex, depth), bytesOf(capacity));
+    korPool* pool = capacity == slots ? arrays : nullptr; // only a whole chunk is worth one
+    void* items =
+        pool != nullptr ? _korPool_Get(KOR_AT(ex, depth), pool) : _kor_malloc(KOR_AT(ex, depth), bytesOf(capacity));
     if (items == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return;
@@ -201,7 +241,8 @@ korDpa* _korDpa_PerformCreate(korEx* ex, uint8_t depth, int32_t size, korPool* o
     if (ex->code != 0) {
         return nullptr;
     }
-    void* object = _kor_malloc(KOR_AT(ex, depth), sizeof(korDpa));
+    void* object =
+        objects != nullptr ? _korPool_Get(KOR_AT(ex, depth), objects) : _kor_malloc(KOR_AT(ex, depth), sizeof(korDpa));
     if (object == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
@@ -220,7 +261,9 @@ void _korDpa_Clear(uint8_t depth, korEx* ex, korDpa* dpa)
     if (dpa == nullptr) {
         return;
     }
-    if (dpa->capacity != 1) {
+    if (korPool* pool = poolOf(dpa)) {
+        _korPool_Return(KOR_AT_D(depth, ex), pool, dpa->items);
+    } else if (dpa->capacity != 1) {
         _kor_free(KOR_AT_D(depth, ex), dpa->items);
     }
     makeEmpty(dpa);
@@ -232,8 +275,11 @@ void _korDpa_DestroyPooled(uint8_t depth, korEx* ex, korDpa* dpa, korPool* objec
         return;
     }
     _korDpa_Clear(KOR_AT_D(depth, ex), dpa);
-    (void)objects;
-    _kor_free(KOR_AT_D(depth, ex), dpa);
+    if (objects != nullptr) {
+        _korPool_Return(KOR_AT_D(depth, ex), objects, dpa);
+    } else {
+        _kor_free(KOR_AT_D(depth, ex), dpa);
+    }
 }
 
 void _korDpa_DeepDestroy(uint8_t depth, korEx* ex, korDpa* dpa, korDpaDestroy destroy)
@@ -308,6 +354,9 @@ void _korDpa_Grow(korEx* ex, uint8_t depth, korDpa* dpa, int32_t slots)
     }
     if (!onHeap) {
         memcpy(items, dpa->items, bytesOf(dpa->capacity));
+    }
+    if (pool != nullptr) {
+        _korPool_Return(KOR_AT_D(depth, ex), pool, dpa->items);
     }
     dpa->items = items;
     dpa->capacity += slots;
@@ -389,7 +438,11 @@ int32_t _korDpa_Find(const korDpa* dpa, uint64_t value)
 {
     const uint64_t* items = dpa->items;
     int32_t count = dpa->count;
-    for (int32_t i = 0; i < count; i++) {
+    int32_t i = 0;
+    while (i + 4 <= count && !holdsAny(&items[i], value)) {
+        i += 4;
+    }
+    for (; i < count; i++) {
         if (items[i] == value) {
             return i;
         }

@@ -28,9 +28,10 @@ int32_t waitOnce(korCondition* condition, korMutex* mutex, uint32_t timeoutMs)
     std::atomic_ref waiters(condition->waiters);
     std::atomic_ref broadcast(condition->broadcast);
     waiters.fetch_add(1);
+    uint64_t ticket = platform::eventEnlist(&condition->event);
     korMutex_leave(mutex);
     hostileYield();
-    int32_t error = platform::eventWait(&condition->event, timeoutMs);
+    int32_t error = platform::eventWaitEnlisted(&condition->event, ticket, timeoutMs);
     hostileYield();
     korMutex_enter(mutex);
     uint32_t others = waiters.fetch_sub(1) - 1;

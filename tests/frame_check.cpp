@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 
 namespace {
 
@@ -38,7 +39,7 @@ unsigned use(korEx* ex)
         sum = sum * 31 + static_cast<unsigned char>(text[index]);
     }
     korEx_Destroy(clone);
-    _korEx_PrintStack(1, ex);
+    _korEx_PrintStack(1, korEx_at(ex, 0, __func__, __LINE__));
     return sum;
 }
 

@@ -46,7 +46,7 @@ typedef void (*korDpaDestroy)(uint8_t depth, korEx* ex, uint64_t value);
 
 /// Makes pools for pooled arrays: `*objects` for array objects, `*arrays` for storage of `size` slots each. Either
 /// pointer may be NULL: that pool is not made. Both pools are the caller's, for _korPool_Destroy; on a failure neither
-/// exists and both are NULL. Errors: code 1 for a size below 1 or above 2^28 - 2; code 2.
+/// exists and both are NULL. Errors: code 1 for a size below 1 or beyond what a pool takes; code 2.
 KOR_API void _korDpa_CreatePools(korEx* ex, uint8_t depth, korPool** objects, korPool** arrays, int32_t size);
 
 /// Initialises an array in place. `size` is a hint. Below 2: one slot inside the object, or two slots with a pool. Else

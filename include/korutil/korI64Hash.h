@@ -30,7 +30,7 @@
 #ifndef KORUTIL_KORI64HASH_H
 #define KORUTIL_KORI64HASH_H
 
-#include "korutil/korEx.h"
+#include "korutil/korPoolCache.h"
 
 KOR_BEGIN_DECLS
 
@@ -55,7 +55,10 @@ typedef struct korI64Hash {
 } korI64Hash;
 
 /// Pools for tables and entries, kept by the caller.
-typedef struct korI64HashPools korI64HashPools;
+typedef struct korI64HashPools {
+    korPool* hashPool;       ///< of table objects
+    korPoolCache entryCache; ///< in front of the pool of entries
+} korI64HashPools;
 
 /// A place in a walk, kept by the caller. It holds nothing: it may be dropped at any time.
 typedef struct korI64HashIterator {

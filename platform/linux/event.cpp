@@ -1,17 +1,19 @@
 // event.cpp (Linux) - an auto-reset event in its owner's 64-bit field, with nothing to allocate.
 //
-// The low half is the generation, the word that threads sleep on: each set that finds sleepers moves it on. The high
-// half holds two flags and two counts, and every step is one compare-and-swap of the whole field. A set turns a sleeper
-// into a grant; whoever takes a grant has his turn. A set thus belongs to a thread that lay down before it, and a
-// newcomer who comes between the set and the waking of that thread lies down behind it. (Without grants a thread that
-// waits again and again takes every signal from those who still wake up.)
+// The low half is the word that threads sleep on: a flag that somebody may sleep, and the generation, which each set
+// that finds waiters moves on. The high half holds two flags and two counts. Every step is one compare-and-swap of the
+// whole field. A waiter enlists and keeps the generation as its ticket; a set turns a waiter into a grant; whoever
+// takes a grant has had his turn. A thread is entitled to a grant once the generation is no longer that of its ticket,
+// so a set belongs to those who stood in line before it. (Without this, a thread that waits again and again takes every
+// signal from those who still wake up.)
 //
-// No grant is lost: at a set all counted threads are of an older generation, hence entitled, and there are as many of
-// them as grants at least; a thread gives its title up, by taking the present generation for its own, only when it has
-// seen that no grant is left. One who is entitled and not yet asleep is kept awake by the generation, and one who is
-// asleep is woken.
+// No grant is lost: there are always as many entitled threads awake as there are grants. At a set all who stand in line
+// become entitled, and one of them is woken if anyone may sleep. An entitled thread cannot fall asleep on its old
+// ticket, since the word has changed, and takes a new one only when it has seen that no grant is left. And whom the
+// kernel wakes is entitled: it may have preferred a latecomer of higher priority.
 
 #include "platform/event.h"
+
 #include "foundation/hostile.h"
 #include "platform/cpu.h"
 #include "platform/error.h"
@@ -23,38 +25,52 @@
 namespace kor::platform {
 namespace {
 
-static_assert(std::endian::native == std::endian::little, "the generation is the first half of the field");
+static_assert(std::endian::native == std::endian::little, "the word to sleep on is the first half of the field");
 
 using Field = std::atomic_ref<uint64_t>;
 
 constexpr uint64_t created = uint64_t{1} << 63;
-constexpr uint64_t signalled = uint64_t{1} << 62; // only while nobody is counted as a sleeper
+constexpr uint64_t signalled = uint64_t{1} << 62; // only while nobody stands in line
 constexpr uint64_t oneGrant = uint64_t{1} << 47;
-constexpr uint64_t oneSleeper = uint64_t{1} << 32;
-constexpr uint64_t maxSleepers = 0x7FFF;
+constexpr uint64_t oneWaiter = uint64_t{1} << 32;
+constexpr uint64_t countMask = 0x7FFF;
+constexpr uint32_t maySleep = 1;
+constexpr uint32_t oneGeneration = 2;
 
-// Rounds in which a thread that would be the first to sleep looks for a signal. A signal that comes within them costs
-// neither side a system call.
-constexpr int spinRounds = hostile ? 1 : 200;
+constexpr uint64_t settled = uint64_t{1} << 63; // a ticket with a result: there is nothing to wait for
+
+// Rounds in which the only waiter looks for its grant before it sleeps: first for a set that is under way on another
+// processor, then giving this one to a thread that may be about to set. A set that comes within them costs neither side
+// a sleep and a wake-up.
+constexpr int spinRounds = hostile ? 0 : 60;
+constexpr int yieldRounds = hostile ? 1 : 20;
 
 uint32_t generationOf(uint64_t field)
 {
-    return static_cast<uint32_t>(field);
+    return static_cast<uint32_t>(field) & ~maySleep;
 }
 
-uint64_t sleepersOf(uint64_t field)
+uint64_t waitersOf(uint64_t field)
 {
-    return field / oneSleeper & maxSleepers;
+    return field / oneWaiter & countMask;
 }
 
-bool hasGrant(uint64_t field)
+uint64_t grantsOf(uint64_t field)
 {
-    return (field / oneGrant & maxSleepers) != 0;
+    return field / oneGrant & countMask;
 }
 
-uint64_t withNextGeneration(uint64_t field)
+// One waiter less; after the last one nobody sleeps who has not been woken.
+uint64_t withoutWaiter(uint64_t field)
 {
-    return (field & ~uint64_t{UINT32_MAX}) | static_cast<uint32_t>(field + 1);
+    field -= oneWaiter;
+    return waitersOf(field) == 0 ? field & ~uint64_t{maySleep} : field;
+}
+
+uint64_t withGrant(uint64_t field)
+{
+    uint64_t counted = withoutWaiter(field) + oneGrant;
+    return (counted & ~uint64_t{UINT32_MAX}) | static_cast<uint32_t>(counted + oneGeneration);
 }
 
 uint32_t* sleepWord(uint64_t* event)
@@ -62,37 +78,44 @@ uint32_t* sleepWord(uint64_t* event)
     return reinterpret_cast<uint32_t*>(event);
 }
 
-void spinForSignal(Field field)
+// A wait with a limit does not give the processor away: it might not have it back in time.
+void spinForGrant(Field field, uint32_t ticket, bool limited)
 {
-    for (int round = 0; round < spinRounds; round++) {
+    int rounds = limited ? spinRounds : spinRounds + yieldRounds;
+    for (int round = 0; round < rounds; round++) {
         uint64_t seen = field.load(std::memory_order_relaxed);
-        if ((seen & signalled) != 0 || sleepersOf(seen) != 0) {
+        if (generationOf(seen) != ticket || waitersOf(seen) != 1) {
             return;
         }
-        spinHint();
+        round < spinRounds ? spinHint() : yieldThread();
     }
 }
 
-// The sleep of a thread that is counted, and was so when the event's generation was `generation`.
-int32_t sleepCounted(uint64_t* event, uint32_t generation, uint32_t timeoutMs)
+// Waits in line, from the moment when `ticket` was the generation.
+int32_t waitForGrant(uint64_t* event, uint32_t ticket, uint32_t timeoutMs)
 {
     Field field(*event);
     Deadline deadline(timeoutMs);
+    int32_t slept = timeoutMs == 0 ? ETIMEDOUT : EAGAIN; // how the last sleep ended
+    if (timeoutMs != 0) {
+        spinForGrant(field, ticket, timeoutMs != waitForEver);
+    }
     for (;;) {
         hostileYield();
-        int32_t result = futexWait(sleepWord(event), generation, deadline.remaining(), false);
         uint64_t seen = field.load();
-        for (;;) {
-            bool entitled = result == 0 || generationOf(seen) != generation;
-            bool mine = entitled && hasGrant(seen);
-            if (!mine && result != ETIMEDOUT) {
-                break;
+        bool entitled = slept == 0 || generationOf(seen) != ticket;
+        if (entitled && grantsOf(seen) != 0) {
+            if (field.compare_exchange_weak(seen, seen - oneGrant)) {
+                return 0;
             }
-            if (field.compare_exchange_weak(seen, seen - (mine ? oneGrant : oneSleeper))) {
-                return mine ? 0 : errorTimedOut;
+        } else if (slept == ETIMEDOUT) {
+            if (field.compare_exchange_weak(seen, withoutWaiter(seen))) {
+                return errorTimedOut;
             }
+        } else if (field.compare_exchange_weak(seen, seen | maySleep)) {
+            ticket = generationOf(seen);
+            slept = futexWait(sleepWord(event), ticket | maySleep, deadline.remaining());
         }
-        generation = generationOf(seen);
     }
 }
 
@@ -113,17 +136,14 @@ bool eventSet(uint64_t* event)
 {
     Field field(*event);
     uint64_t seen = field.load();
-    uint64_t next;
     do {
         if ((seen & created) == 0) {
             return false;
         }
-        next = sleepersOf(seen) == 0 ? seen | signalled : withNextGeneration(seen) - oneSleeper + oneGrant;
-    } while (
-        !field.compare_exchange_weak(seen, next)); // even if it is on already: what was written before is handed on
-    if (generationOf(next) != generationOf(seen)) {
+    } while (!field.compare_exchange_weak(seen, waitersOf(seen) == 0 ? seen | signalled : withGrant(seen)));
+    if (waitersOf(seen) != 0 && (seen & maySleep) != 0) {
         hostileYield();
-        futexWake(sleepWord(event), 1, false);
+        futexWake(sleepWord(event), 1);
     }
     return true;
 }
@@ -135,27 +155,33 @@ bool eventReset(uint64_t* event)
 
 int32_t eventWait(uint64_t* event, uint32_t timeoutMs)
 {
+    return eventWaitEnlisted(event, eventEnlist(event), timeoutMs);
+}
+
+uint64_t eventEnlist(uint64_t* event)
+{
     Field field(*event);
-    if (timeoutMs != 0) {
-        spinForSignal(field);
-    }
     uint64_t seen = field.load();
     for (;;) {
         if ((seen & created) == 0) {
-            return EINVAL;
+            return settled | EINVAL;
         }
-        if ((seen & signalled) != 0) {
-            if (field.compare_exchange_weak(seen, seen & ~signalled)) {
-                return 0;
-            }
-        } else if (timeoutMs == 0) {
-            return errorTimedOut;
-        } else if (sleepersOf(seen) == maxSleepers) {
-            return EAGAIN; // one more would run over into the grants
-        } else if (field.compare_exchange_weak(seen, seen + oneSleeper)) {
-            return sleepCounted(event, generationOf(seen), timeoutMs);
+        if (waitersOf(seen) + grantsOf(seen) == countMask) {
+            return settled | EAGAIN; // one more could overrun a count
+        }
+        bool on = (seen & signalled) != 0;
+        if (field.compare_exchange_weak(seen, on ? seen & ~signalled : seen + oneWaiter)) {
+            return on ? settled : generationOf(seen);
         }
     }
+}
+
+int32_t eventWaitEnlisted(uint64_t* event, uint64_t ticket, uint32_t timeoutMs)
+{
+    if ((ticket & settled) != 0) {
+        return static_cast<int32_t>(ticket & ~settled);
+    }
+    return waitForGrant(event, static_cast<uint32_t>(ticket), timeoutMs);
 }
 
 } // namespace kor::platform

@@ -167,9 +167,9 @@ void readUnlock(uint64_t* address)
 
 void writeLock(uint64_t* address)
 {
-    uint64_t seen = 0;
-    if (!Word(*address).compare_exchange_strong(seen, writer, std::memory_order_acquire, std::memory_order_relaxed))
-        [[unlikely]] {
+    Word word(*address);
+    uint64_t seen = word.load(std::memory_order_relaxed);
+    if (!enterAsWriter(word, seen, 0)) [[unlikely]] {
         waitAsWriter(address, seen);
     }
 }
@@ -177,7 +177,7 @@ void writeLock(uint64_t* address)
 void writeUnlock(uint64_t* address)
 {
     Word word(*address);
-    uint64_t seen = writer;
+    uint64_t seen = word.load(std::memory_order_relaxed);
     while (!word.compare_exchange_weak(seen, afterWriter(seen), std::memory_order_release, std::memory_order_relaxed)) {
         hostileYield();
     }

@@ -48,4 +48,14 @@ int32_t eventWait(uint64_t* event, uint32_t timeoutMs)
     return result == WAIT_TIMEOUT ? errorTimedOut : lastSystemError();
 }
 
+uint64_t eventEnlist(uint64_t*)
+{
+    return 0;
+}
+
+int32_t eventWaitEnlisted(uint64_t* event, uint64_t, uint32_t timeoutMs)
+{
+    return eventWait(event, timeoutMs);
+}
+
 } // namespace kor::platform

@@ -316,7 +316,7 @@ TEST_F(KorExTest, OneLineForm)
     EXPECT_EQ(_korEx_PrintErrInfo(ex, line, sizeof line), 1);
     EXPECT_STREQ(line, "");
     KOR_RAISE(ex, 0, 9, "No such thing");
-    EXPECT_EQ(_korEx_PrintErrInfo(ex, line, sizeof line), 39);
+    EXPECT_EQ(_korEx_PrintErrInfo(ex, line, sizeof line), 41);
     EXPECT_STREQ(line, "No such thing (Error Code = 9: Not found)");
     EXPECT_EQ(_korEx_PrintErrInfo(ex, line, 8), 7);
     EXPECT_STREQ(line, "No such");

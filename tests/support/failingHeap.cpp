@@ -153,12 +153,24 @@ void install()
 
 #else
 
+// A sanitizer's heap refuses an impossible request as any heap does, and does not end the program.
+extern "C" {
+const char* __asan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
+const char* __tsan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
+}
+
 // The heap behind this one: a sanitizer's if the program has one, else the C library's.
 extern "C" {
 __attribute__((weak)) void* __interceptor_malloc(size_t size);
 __attribute__((weak)) void* __interceptor_calloc(size_t count, size_t size);
 __attribute__((weak)) void* __interceptor_realloc(void* pointer, size_t size);
-__attribute__((weak)) int __interceptor_posix_memalign(void** result, size_t alignment, size_t size);
+__attribute__((weak)) void* __interceptor_aligned_alloc(size_t alignment, size_t size);
 void* __libc_malloc(size_t size);
 void* __libc_calloc(size_t count, size_t size);
 void* __libc_realloc(void* pointer, size_t size);
@@ -188,16 +200,13 @@ void* realloc(void* pointer, size_t size)
     return __interceptor_realloc != nullptr ? __interceptor_realloc(pointer, size) : __libc_realloc(pointer, size);
 }
 
-int posix_memalign(void** result, size_t alignment, size_t size)
+void* aligned_alloc(size_t alignment, size_t size)
 {
     if (kor::test::refuse()) {
-        return ENOMEM;
+        return nullptr;
     }
-    if (__interceptor_posix_memalign != nullptr) {
-        return __interceptor_posix_memalign(result, alignment, size);
-    }
-    *result = __libc_memalign(alignment, size);
-    return *result == nullptr ? ENOMEM : 0;
+    return __interceptor_aligned_alloc != nullptr ? __interceptor_aligned_alloc(alignment, size)
+                                                  : __libc_memalign(alignment, size);
 }
 }
 

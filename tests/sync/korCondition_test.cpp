@@ -12,11 +12,11 @@ using namespace kor::test;
 class KorCondition : public KorTest
 {
 protected:
-    bool timesOut() { return _korCondition_TimedWait(0, ex, &pair.condition, &pair.lock, 0); }
-    uint32_t broadcastFlag() { return std::atomic_ref(pair.condition.broadcast).load(); }
+    bool timesOut() { return _korCondition_TimedWait(0, ex, &pair.conditions[0], &pair.lock, 0); }
+    uint32_t broadcastFlag() { return std::atomic_ref(pair.conditions[0].broadcast).load(); }
     void untilWaiting(uint32_t count)
     {
-        until([&] { return std::atomic_ref(pair.condition.waiters).load() == count; });
+        until([&] { return std::atomic_ref(pair.conditions[0].waiters).load() == count; });
     }
 
     void expectMutexHeld()
@@ -61,22 +61,22 @@ TEST_F(KorCondition, ABroadcastRunsThroughAllWaitersAndEnds)
     pair.release();
     threads.clear();
     EXPECT_EQ(broadcastFlag(), 0u);
-    EXPECT_EQ(pair.condition.waiters, 0u);
+    EXPECT_EQ(pair.conditions[0].waiters, 0u);
 }
 
 TEST_F(KorCondition, ATimeOutWithoutAFlagIsAnError)
 {
     korTargetTime target = {};
     pair.acquire();
-    _korCondition_WaitEx(0, ex, &pair.condition, &pair.lock, 1, &target, nullptr);
+    _korCondition_WaitEx(0, ex, &pair.conditions[0], &pair.lock, 1, &target, nullptr);
     expectMutexHeld();
     EXPECT_RAISED(KOR_ERROR_OS, "Condition wait");
 
     uint8_t timedOut = 7;
     pair.signal(ex);
-    _korCondition_WaitEx(0, ex, &pair.condition, &pair.lock, 1, &target, &timedOut);
+    _korCondition_WaitEx(0, ex, &pair.conditions[0], &pair.lock, 1, &target, &timedOut);
     EXPECT_EQ(timedOut, 7);
-    _korCondition_WaitEx(0, ex, &pair.condition, &pair.lock, 0, nullptr, &timedOut);
+    _korCondition_WaitEx(0, ex, &pair.conditions[0], &pair.lock, 0, nullptr, &timedOut);
     EXPECT_EQ(timedOut, 1);
     pair.release();
 }
@@ -91,7 +91,7 @@ TEST_F(KorCondition, ANegativeTimeOutIsNoLimit)
         pair.signal(&own);
     });
     pair.acquire();
-    _korCondition_WaitEx(0, ex, &pair.condition, &pair.lock, -1, &target, &timedOut);
+    _korCondition_WaitEx(0, ex, &pair.conditions[0], &pair.lock, -1, &target, &timedOut);
     pair.release();
     EXPECT_EQ(timedOut, 0);
     EXPECT_EQ(target.started, 0);
@@ -105,12 +105,12 @@ TEST_F(KorCondition, RepeatedWaitsShareOneTimeOut)
     pair.acquire();
     do {
         pair.signal(ex);
-        _korCondition_WaitEx(0, ex, &pair.condition, &pair.lock, 20, &target, &timedOut);
+        _korCondition_WaitEx(0, ex, &pair.conditions[0], &pair.lock, 20, &target, &timedOut);
         ASSERT_LE(target.remaining, before);
         before = target.remaining;
     } while (before > 0);
     EXPECT_EQ(timedOut, 0);
-    _korCondition_WaitEx(0, ex, &pair.condition, &pair.lock, 1000000, &target, &timedOut);
+    _korCondition_WaitEx(0, ex, &pair.conditions[0], &pair.lock, 1000000, &target, &timedOut);
     EXPECT_EQ(timedOut, 1);
     pair.release();
 }
@@ -155,7 +155,7 @@ TEST_F(KorCondition, NullIsAccepted)
     _korCondition_SignalDebug(0, ex, nullptr);
     _korCondition_Broadcast(0, ex, nullptr);
     _korCondition_Wait(0, ex, nullptr, &pair.lock);
-    _korCondition_Wait(0, ex, &pair.condition, nullptr);
+    _korCondition_Wait(0, ex, &pair.conditions[0], nullptr);
     EXPECT_FALSE(_korCondition_TimedWait(0, ex, nullptr, nullptr, 5));
     _korCondition_WaitEx(0, ex, nullptr, nullptr, 5, nullptr, nullptr);
 }
@@ -181,7 +181,7 @@ TEST_F(KorCondition, WaitsThatRunOutWhileSignalsComeLoseNone)
                     items--;
                     taken++;
                 } else {
-                    _korCondition_TimedWait(0, &own, &pair.condition, &pair.lock, taken % 2 == 0 ? 1 : 0xFFFFFFFF);
+                    _korCondition_TimedWait(0, &own, &pair.conditions[0], &pair.lock, taken % 2 == 0 ? 1 : 0xFFFFFFFF);
                 }
             }
             pair.release();

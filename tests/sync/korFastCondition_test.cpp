@@ -39,14 +39,14 @@ TEST_F(KorFastCondition, LimitsWorkAsThoseOfAPlainCondition)
     korTargetTime target = {};
     uint8_t timedOut = 0;
     pair.acquire();
-    _korFastCondition_WaitEx(0, ex, &pair.condition, &pair.lock, 2, &target, &timedOut);
+    _korFastCondition_WaitEx(0, ex, &pair.conditions[0], &pair.lock, 2, &target, &timedOut);
     EXPECT_EQ(timedOut, 1);
     EXPECT_EQ(target.started, 1);
     EXPECT_FALSE(pair.tryAcquire());
-    _korFastCondition_WaitEx(0, ex, &pair.condition, &pair.lock, 2, &target, nullptr);
+    _korFastCondition_WaitEx(0, ex, &pair.conditions[0], &pair.lock, 2, &target, nullptr);
     EXPECT_RAISED(KOR_ERROR_OS, "Condition wait");
     pair.signal(ex);
-    _korFastCondition_WaitEx(0, ex, &pair.condition, &pair.lock, -1, nullptr, nullptr);
+    _korFastCondition_WaitEx(0, ex, &pair.conditions[0], &pair.lock, -1, nullptr, nullptr);
     EXPECT_FALSE(pair.tryAcquire());
     pair.release();
 }
@@ -71,7 +71,7 @@ TEST_F(KorFastCondition, ObjectsAcceptNullAndEveryRequestMayFail)
     _korFastCondition_Signal(0, ex, nullptr);
     _korFastCondition_Broadcast(0, ex, nullptr);
     _korFastCondition_Wait(0, ex, nullptr, &pair.lock);
-    _korFastCondition_WaitEx(0, ex, &pair.condition, nullptr, 1, nullptr, nullptr);
+    _korFastCondition_WaitEx(0, ex, &pair.conditions[0], nullptr, 1, nullptr, nullptr);
     EXPECT_EQ(sweepFailures(ex, [&] { _korFastCondition_Destroy(0, ex, _korFastCondition_Create(0, ex)); }), 1u);
 }
 

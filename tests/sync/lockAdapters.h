@@ -13,9 +13,9 @@
 namespace kor::test {
 
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__) || defined(_WIN32)
-inline constexpr int stressRounds = 20000;
+inline constexpr int stressRounds = 5000;
 #else
-inline constexpr int stressRounds = 200000;
+inline constexpr int stressRounds = 50000;
 #endif
 
 /// Gives way until `condition` holds.
@@ -27,71 +27,79 @@ void until(Condition condition)
     }
 }
 
-/// A mutex with its condition.
+/// A mutex with a condition for each of two directions.
 struct MutexPair {
     MutexPair()
     {
         _korMutex_Init(&ex, 0, &lock);
-        _korCondition_Init(0, &ex, &condition);
+        for (auto& condition : conditions) {
+            _korCondition_Init(0, &ex, &condition);
+        }
     }
     ~MutexPair()
     {
-        _korCondition_Clear(0, &ex, &condition);
+        for (auto& condition : conditions) {
+            _korCondition_Clear(0, &ex, &condition);
+        }
         _korMutex_Clear(&ex, 0, &lock);
     }
     void acquire() { korMutex_enter(&lock); }
     bool tryAcquire() { return korMutex_tryEnter(&lock); }
     void release() { korMutex_leave(&lock); }
-    void wait(korEx* of) { _korCondition_Wait(0, of, &condition, &lock); }
-    void signal(korEx* of) { _korCondition_SignalDebug(0, of, &condition); }
-    void broadcast(korEx* of) { _korCondition_Broadcast(0, of, &condition); }
+    void wait(korEx* of, int which = 0) { _korCondition_Wait(0, of, &conditions[which], &lock); }
+    void signal(korEx* of, int which = 0) { _korCondition_SignalDebug(0, of, &conditions[which]); }
+    void broadcast(korEx* of, int which = 0) { _korCondition_Broadcast(0, of, &conditions[which]); }
 
     korEx ex = {};
     korMutex lock;
-    korCondition condition;
+    korCondition conditions[2];
 };
 
-/// A fast lock with its condition. `spinCount` decides whether a contended acquire spins or parks.
+/// A fast lock with two conditions. `spinCount` decides whether a contended acquire spins or parks.
 template <uint32_t spinCount>
 struct FastPair {
     FastPair()
     {
         _korFastLock_Init(0, &ex, &lock, spinCount);
-        _korFastCondition_Init(0, &ex, &condition);
+        for (auto& condition : conditions) {
+            _korFastCondition_Init(0, &ex, &condition);
+        }
     }
     ~FastPair()
     {
         EXPECT_EQ(lock.word, 0u);
-        _korFastCondition_Clear(0, &ex, &condition);
+        for (auto& condition : conditions) {
+            _korFastCondition_Clear(0, &ex, &condition);
+        }
         _korFastLock_Clear(0, &ex, &lock);
     }
     void acquire() { korFastLock_acquire(&lock); }
     bool tryAcquire() { return korFastLock_tryAcquire(&lock); }
     void release() { korFastLock_release(&lock); }
-    void wait(korEx* of) { _korFastCondition_Wait(0, of, &condition, &lock); }
-    void signal(korEx* of) { _korFastCondition_Signal(0, of, &condition); }
-    void broadcast(korEx* of) { _korFastCondition_Broadcast(0, of, &condition); }
+    void wait(korEx* of, int which = 0) { _korFastCondition_Wait(0, of, &conditions[which], &lock); }
+    void signal(korEx* of, int which = 0) { _korFastCondition_Signal(0, of, &conditions[which]); }
+    void broadcast(korEx* of, int which = 0) { _korFastCondition_Broadcast(0, of, &conditions[which]); }
 
     korEx ex = {};
     korFastLock lock;
-    korFastCondition condition;
+    korFastCondition conditions[2];
 };
 
 struct StandardPair {
     void acquire() { lock.lock(); }
     bool tryAcquire() { return lock.try_lock(); }
     void release() { lock.unlock(); }
-    void wait(korEx*)
+    void wait(korEx*, int which = 0)
     {
         std::unique_lock held(lock, std::adopt_lock);
-        condition.wait(held);
+        conditions[which].wait(held);
         held.release();
     }
-    void signal(korEx*) { condition.notify_one(); }
-    void broadcast(korEx*) { condition.notify_all(); }
+    void signal(korEx*, int which = 0) { conditions[which].notify_one(); }
+    void broadcast(korEx*, int which = 0) { conditions[which].notify_all(); }
 
     std::mutex lock;
-    std::condition_variable condition;
+    std::condition_variable conditions[2];
 };
 
 } // namespace kor::test

@@ -25,8 +25,6 @@ protected:
             });
         }
     }
-
-    Pair pair;
 };
 
 using Pairs = testing::Types<MutexPair, FastPair<0>, FastPair<1>, StandardPair>;
@@ -34,7 +32,7 @@ TYPED_TEST_SUITE(Locks, Pairs);
 
 TYPED_TEST(Locks, OnlyOneThreadIsInside)
 {
-    auto& pair = this->pair;
+    TypeParam pair;
     int64_t plain = 0;
     this->inThreads(4, [&](korEx*) {
         for (int i = 0; i < stressRounds / 4; i++) {
@@ -48,7 +46,7 @@ TYPED_TEST(Locks, OnlyOneThreadIsInside)
 
 TYPED_TEST(Locks, TryGivesUpOnAHeldLock)
 {
-    auto& pair = this->pair;
+    TypeParam pair;
     pair.acquire();
     std::jthread([&] { EXPECT_FALSE(pair.tryAcquire()); }).join();
     pair.release();
@@ -60,18 +58,18 @@ TYPED_TEST(Locks, TryGivesUpOnAHeldLock)
 
 TYPED_TEST(Locks, TwoThreadsHandOver)
 {
-    auto& pair = this->pair;
+    TypeParam pair;
     int64_t turn = 0;
     std::atomic<int> nextPlayer = 0;
-    this->inThreads(2, [&](korEx* ex) {
+    this->inThreads(2, [&](korEx* own) {
         int me = nextPlayer++;
         pair.acquire();
         for (int i = 0; i < stressRounds; i++) {
             while (turn % 2 != me) {
-                pair.wait(ex);
+                pair.wait(own, me);
             }
             turn++;
-            pair.signal(ex);
+            pair.signal(own, 1 - me);
         }
         pair.release();
     });
@@ -80,15 +78,15 @@ TYPED_TEST(Locks, TwoThreadsHandOver)
 
 TYPED_TEST(Locks, WorkersTakeAllThatIsSignalled)
 {
-    auto& pair = this->pair;
+    TypeParam pair;
     std::deque<int> queue;
     int64_t sum = 0;
     std::jthread workers([&] {
-        this->inThreads(3, [&](korEx* ex) {
+        this->inThreads(3, [&](korEx* own) {
             pair.acquire();
             for (int item = 0; item >= 0;) {
                 while (queue.empty()) {
-                    pair.wait(ex);
+                    pair.wait(own);
                 }
                 item = queue.front();
                 queue.pop_front();
@@ -115,30 +113,31 @@ TYPED_TEST(Locks, WorkersTakeAllThatIsSignalled)
 
 TYPED_TEST(Locks, ABroadcastWakesAll)
 {
-    auto& pair = this->pair;
     constexpr int threads = 4;
+    constexpr int rounds = stressRounds / 25;
+    TypeParam pair;
     int waiting = 0;
     int round = 0;
     std::jthread waiters([&] {
-        this->inThreads(threads, [&](korEx* ex) {
+        this->inThreads(threads, [&](korEx* own) {
             pair.acquire();
-            for (int i = 1; i <= stressRounds / 100; i++) {
+            for (int i = 1; i <= rounds; i++) {
                 waiting++;
                 while (round < i) {
-                    pair.wait(ex);
+                    pair.wait(own, i % 2); // in turns: who waited again at once would be woken by the same broadcast
                 }
             }
             pair.release();
         });
     });
-    for (int i = 1; i <= stressRounds / 100; i++) {
+    for (int i = 1; i <= rounds; i++) {
         until([&] {
             pair.acquire();
             bool all = waiting == threads;
             if (all) {
                 waiting = 0;
                 round = i;
-                pair.broadcast(this->ex);
+                pair.broadcast(this->ex, i % 2);
             }
             pair.release();
             return all;
