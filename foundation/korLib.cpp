@@ -8,6 +8,8 @@
 #include "korutil/korAffinity.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korMutex.h"
+#include "korutil/korObjectMap.h"
+#include "korutil/korRefDpa.h"
 #include "korutil/korThread.h"
 #include "platform/entry.h"
 #include "sync/threadStore.h"
@@ -58,8 +60,10 @@ void startSubsystems(korEx* ex, uint8_t depth)
 {
     _korEx_Open(KOR_AT(ex, depth));
     _korMutex_Open(KOR_AT(ex, depth));
+    _korObjectMap_Open(KOR_AT(ex, depth));
     _korAffinity_Open(KOR_AT(ex, depth));
     _korThread_InitThreads(KOR_AT(ex, depth));
+    _korRefDpa_Open(KOR_AT(ex, depth));
 }
 
 // Not the start backwards: mutexes, the object map, the threads' module and counted arrays have no stop, so that a

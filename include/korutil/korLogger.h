@@ -176,7 +176,8 @@ KOR_API void _korLogger_LogMessageEx(uint8_t component, const char* name, const 
 KOR_API void _korLogger_LogBySource(const korLogSourceEx* sourceEx, uint8_t component, const char* name,
                                     const char* label, int32_t level, const korEx* logEx, int32_t eventCode,
                                     const char* format, ...) KOR_PRINTF(8, 9);
-/// Makes a statement through a record that the caller holds by a reference of the object map.
+/// Makes a statement through a record that the caller has from the object map. Its reference must not be the last one:
+/// the key stands until it has been given back.
 KOR_API void _korLogger_LogByLogger(korLogger* logger, uint8_t component, const char* name, const char* label,
                                     int32_t level, const korEx* logEx, int32_t eventCode, const char* format, ...)
     KOR_PRINTF(8, 9);

@@ -3,13 +3,16 @@
 #include "platform/entry.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <pthread.h>
 
 // The module's first and last bytes, as the linker knows them.
 extern "C" {
 [[gnu::visibility("hidden")]] extern const char __ehdr_start[];
 [[gnu::visibility("hidden")]] extern const char _end[];
+
+// What atexit is made of. The thread sanitizer's atexit would keep the handler when the module has gone.
+[[gnu::visibility("hidden")]] extern void* __dso_handle;
+int __cxa_atexit(void (*handler)(void*), void* argument, void* module);
 }
 
 namespace kor::platform {
@@ -25,14 +28,14 @@ void endOfThread(void*)
     threadEnds();
 }
 
-void endOfProcess()
+void endOfProcess(void*)
 {
     processEnds = true;
 }
 
 [[gnu::constructor]] void loaded()
 {
-    if (atexit(endOfProcess) != 0) {
+    if (__cxa_atexit(endOfProcess, nullptr, &__dso_handle) != 0) {
         processEnds = true; // then every unloading passes for the end of the process: something leaks, nothing breaks
     }
 }

@@ -3,6 +3,7 @@
 #include "platform/error.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <winsock2.h>
 
 #include <windows.h>
@@ -38,11 +39,11 @@ bool errorText(int32_t error, char* buffer, uint32_t size)
     if (size == 0) {
         return false;
     }
-    buffer[0] = '\0';
+    char text[512] = ""; // the system gives nothing rather than the part that fits
     DWORD language = MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT);
     DWORD flags = FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_MAX_WIDTH_MASK;
-    DWORD length = FormatMessageA(flags, nullptr, static_cast<DWORD>(error), language, buffer, size, nullptr);
-    buffer[size - 1] = '\0';
+    DWORD length = FormatMessageA(flags, nullptr, static_cast<DWORD>(error), language, text, sizeof text, nullptr);
+    std::snprintf(buffer, size, "%s", text);
     return length != 0;
 }
 

@@ -25,6 +25,7 @@ struct Pools {
 class HashSubject
 {
 public:
+    static constexpr bool removesPrivately = true;
     HashSubject(korEx* ex, int64_t slots, bool pooled, int32_t keySize) : ex_(ex)
     {
         if (pooled) {

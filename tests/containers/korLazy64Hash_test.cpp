@@ -14,6 +14,7 @@ template <bool Pooled>
 class IntegerSubject
 {
 public:
+    static constexpr bool removesPrivately = !Pooled;
     IntegerSubject(korEx* ex, int64_t slots) : ex_(ex)
     {
         if (Pooled) {

@@ -1,0 +1,188 @@
+// korLib_test.cpp - counted opening and closing, of this library and of one built on it; versions.
+
+#include "korutil/korLib.h"
+#include "support/korTest.h"
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+using namespace kor::test;
+
+namespace {
+
+int opens;
+int closes;
+bool isOpen; // plain: the library lock guards it
+
+void openPlain(korEx*, uint8_t)
+{
+    opens++;
+    isOpen = true;
+}
+
+void openBroken(korEx* ex, uint8_t depth)
+{
+    openPlain(ex, depth);
+    KOR_RAISE(ex, depth, KOR_ERROR_ILLEGAL_STATE, "broken");
+}
+
+void closePlain(korEx*, uint8_t)
+{
+    closes++;
+    isOpen = false;
+}
+
+const char* wordFor3(int32_t code)
+{
+    return code == 3 ? "the third" : nullptr;
+}
+
+} // namespace
+
+class KorLib : public KorTest
+{
+protected:
+    void SetUp() override
+    {
+        opens = closes = 0;
+        isOpen = false;
+    }
+
+    // Words of callbacks are there while the subsystems are up.
+    std::string wordOf3()
+    {
+        korEx local = {};
+        local.code = 3;
+        return korEx_GetSummaryString(&local);
+    }
+};
+
+TEST_F(KorLib, OpensOnceAndClosesLast)
+{
+    korLib lib = {0, openPlain, closePlain};
+    _korLib_Close(ex, 0, &lib); // not open
+    _korLib_Open(ex, 0, &lib, 4, 4);
+    _korLib_Open(ex, 0, &lib, 4, 4);
+    _korLib_Close(ex, 0, &lib);
+    EXPECT_TRUE(opens == 1 && closes == 0 && isOpen);
+    KOR_RAISE(ex, 0, KOR_ERROR_TIMEOUT, NULL);
+    _korLib_Open(ex, 0, &lib, 4, 4); // nothing, with an error pending
+    _korLib_Close(ex, 0, &lib);      // this does its work
+    EXPECT_RAISED(KOR_ERROR_TIMEOUT, nullptr);
+    EXPECT_TRUE(opens == 1 && closes == 1 && lib.openCount == 0);
+    _korLib_Open(ex, 0, nullptr, 4, 4);
+    _korLib_Close(ex, 0, nullptr);
+}
+
+TEST_F(KorLib, TheLevelMustBeExact)
+{
+    korLib lib = {0, openPlain, closePlain};
+    for (int32_t requested : {3, 5, -4}) {
+        _korLib_Open(ex, 0, &lib, requested, 4);
+        EXPECT_RAISED(KOR_ERROR_INCOMPATIBLE_LIBRARY, "library has incompatible version.");
+    }
+    _korutil_Open(ex, 0, KORUTIL_LEVEL + 1);
+    EXPECT_RAISED(KOR_ERROR_INCOMPATIBLE_LIBRARY, "library has incompatible version.");
+    EXPECT_TRUE(opens == 0 && lib.openCount == 0);
+}
+
+TEST_F(KorLib, AFailedOpenIsStillClosed)
+{
+    korLib lib = {0, openBroken, closePlain};
+    _korLib_Open(ex, 0, &lib, 1, 1);
+    EXPECT_RAISED(KOR_ERROR_ILLEGAL_STATE, "broken");
+    EXPECT_EQ(lib.openCount, 1u);
+    _korLib_Close(ex, 0, &lib);
+    EXPECT_EQ(closes, 1);
+}
+
+TEST_F(KorLib, SubsystemsAreUpBetweenTheFirstOpenAndTheLastClose)
+{
+    for (int round = 0; round < 3; round++) {
+        _korutil_Open(ex, 0, KORUTIL_LEVEL);
+        _korutil_Open(ex, 0, KORUTIL_LEVEL);
+        _korEx_AddErrorStringCallback(ex, 0, wordFor3);
+        _korutil_Close(0, ex);
+        EXPECT_EQ(wordOf3(), "the third");
+        _korutil_Retain(0, ex);
+        _korutil_Close(0, ex);
+        EXPECT_EQ(wordOf3(), "the third"); // retained beyond the open
+        _korutil_Release(0, ex);
+        EXPECT_EQ(wordOf3(), "Unknown");
+        _korutil_Release(0, ex); // nothing is left to release
+        _korutil_Close(0, ex);
+        EXPECT_CLEAN();
+    }
+}
+
+TEST_F(KorLib, ACloseWithAnErrorPendingStopsEverything)
+{
+    _korutil_Open(ex, 0, KORUTIL_LEVEL);
+    _korEx_AddErrorStringCallback(ex, 0, wordFor3);
+    KOR_RAISE(ex, 0, KOR_ERROR_TIMEOUT, NULL);
+    _korutil_Close(0, ex);
+    EXPECT_EQ(wordOf3(), "Unknown");
+    EXPECT_RAISED(KOR_ERROR_TIMEOUT, nullptr);
+}
+
+TEST_F(KorLib, NobodyFindsALibraryHalfOpen)
+{
+    constexpr int threads = 4;
+    constexpr int rounds = 500;
+    korLib lib = {0, openPlain, closePlain};
+    std::atomic<int> closed = 0;
+    {
+        std::vector<std::jthread> users;
+        for (int i = 0; i < threads; i++) {
+            users.emplace_back([&] {
+                KOR_EX_LOCAL(own);
+                for (int round = 0; round < rounds; round++) {
+                    _korLib_Open(&own, 0, &lib, 1, 1);
+                    closed += !isOpen;
+                    _korutil_Open(&own, 0, KORUTIL_LEVEL);
+                    _korutil_Close(0, &own);
+                    _korLib_Close(&own, 0, &lib);
+                }
+                EXPECT_EQ(own.code, 0);
+            });
+        }
+    }
+    EXPECT_EQ(closed, 0);
+    EXPECT_EQ(opens, closes);
+    EXPECT_EQ(lib.openCount, 0u);
+}
+
+TEST_F(KorLib, VersionsCompareNumberByNumber)
+{
+    struct {
+        uint8_t needed[3];
+        bool matches;
+    } const cases[] = {{{6, 5, 0}, true},  {{6, 4, 9}, true},  {{5, 9, 9}, true}, {{6, 5, 1}, false},
+                       {{7, 0, 0}, false}, {{6, 6, 0}, false}, {{0, 0, 0}, true}};
+    for (const auto& [needed, matches] : cases) {
+        EXPECT_EQ(_korutil_version_matches(6, 5, 0, needed[0], needed[1], needed[2]), matches)
+            << int{needed[0]} << '.' << int{needed[1]} << '.' << int{needed[2]};
+    }
+}
+
+TEST_F(KorLib, VersionTextsAgreeAndAreTakenApart)
+{
+    uint8_t major = 0, minor = 0, release = 99;
+    EXPECT_FALSE(_korutil_version_string_parse("6", &major, &minor, &release));
+    EXPECT_EQ(major, 6);
+    EXPECT_FALSE(_korutil_version_string_parse("261.7", &major, &minor, &release));
+    EXPECT_TRUE(major == 5 && minor == 7 && release == 99); // modulo 256
+    EXPECT_FALSE(_korutil_version_string_parse(nullptr, &major, &minor, &release));
+    EXPECT_FALSE(_korutil_version_string_parse("1.2.3", &major, nullptr, &release));
+    EXPECT_TRUE(_korutil_version_string_parse(_korutil_version_string_compare(), &major, &minor, &release));
+    EXPECT_TRUE(major == _korutil_version_major_num() && minor == _korutil_version_minor_num() && release == 0);
+    EXPECT_STREQ(_korutil_version_major_string(), "6");
+    EXPECT_STREQ(_korutil_version_minor_string(), "5");
+    EXPECT_STREQ(_korutil_version_string_compare(), "6.5.0  ");
+    EXPECT_STREQ(_korutil_version_string_short(), "6.5.0   V8");
+    std::string banner = _korutil_version_banner();
+    EXPECT_EQ(banner.rfind("KORVA Utilities Version 6.5.0   V8\n", 0), 0u);
+    EXPECT_EQ(std::string("KORVA Utilities Version 6.5.0   V8"), _korutil_version_string_long());
+    EXPECT_EQ(banner.back(), '\n');
+}

@@ -1,0 +1,195 @@
+// korLoggerStress_test.cpp - many threads make statements while others change levels, handlers, keys and observers.
+//
+// Every statement carries its writer and a number, so that what arrives can be held against what was sent: whole, once,
+// in each writer's order, and none missing that passed its test.
+
+#include "loggerTest.h"
+
+#include <atomic>
+#include <map>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+using namespace kor::test;
+using KorLoggerStressTest = LoggerTest;
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__) || defined(_WIN32)
+constexpr int statementsPerWriter = 2000;
+#else
+constexpr int statementsPerWriter = 10000;
+#endif
+constexpr int writers = 4;
+
+const std::string filling(40, 'f');
+
+// What a writer has sent through one road.
+void makeStatements(int writer, const korLogSourceEx& source)
+{
+    for (int number = 0; number < statementsPerWriter; number++) {
+        _korLogger_LogExN(29, "global", 120, nullptr, "<%d %d %s>", writer, number, filling.c_str());
+        _korLogger_LogBySource(&source, 0, nullptr, nullptr, 120, nullptr, 0, "<%d %d %s>", writer, number,
+                               filling.c_str());
+        _korLogger_LogExN(29, nullptr, 40, nullptr, "<never passes>");
+    }
+}
+
+// Checks texts of the form "...<writer number filling>..." and counts them by writer.
+class Ledger
+{
+public:
+    void enter(const std::string& statement)
+    {
+        int writer = -1;
+        int number = -1;
+        char fill[64] = {};
+        size_t mark = statement.find('<');
+        ASSERT_NE(mark, std::string::npos) << statement;
+        ASSERT_EQ(std::sscanf(statement.c_str() + mark, "<%d %d %40[f]>", &writer, &number, fill), 3) << statement;
+        ASSERT_EQ(fill, filling) << statement;
+        ASSERT_EQ(statement.find('>'), statement.size() - 1) << statement;
+        ASSERT_EQ(number, next_[writer]) << "writer " << writer;
+        next_[writer] = number + 1;
+    }
+    void expectAll()
+    {
+        for (int writer = 0; writer < writers; writer++) {
+            EXPECT_EQ(next_[writer], statementsPerWriter) << "writer " << writer;
+        }
+    }
+
+private:
+    std::map<int, int> next_;
+};
+
+template <typename Disturb>
+void runWriters(const korLogSourceEx& source, Disturb disturb)
+{
+    std::atomic<int> running = writers;
+    std::vector<std::thread> threads;
+    for (int writer = 0; writer < writers; writer++) {
+        threads.emplace_back([&, writer] {
+            makeStatements(writer, source);
+            running--;
+        });
+    }
+    for (int round = 0; running != 0; round++) {
+        disturb(round);
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+}
+
+std::atomic<uint64_t> seen;
+void countSeen(const char*, uint32_t, const char*, const char*, int32_t, int32_t, const char*)
+{
+    seen++;
+}
+void countSeenEx(uint64_t, const char*, uint32_t, const char*, const char*, int32_t, int32_t, const char*)
+{
+    seen++;
+}
+
+TEST_F(KorLoggerStressTest, CallbacksGetEveryStatementWholeWhileAllElseChanges)
+{
+    constexpr uint64_t logKey = 900;
+    seen = 0;
+    Receiver global;
+    Receiver own;
+    receive(global);
+    receive(own, logKey);
+    korLogSourceEx source = {};
+    _korLogger_SetLogSource(logKey, 29, "own", nullptr, &source);
+    runWriters(source, [&](int round) {
+        bool even = round % 2 == 0;
+        uint64_t passing = 1000 + static_cast<uint64_t>(round % 5);
+        _korLogger_SetLogLevels(KOR_AT(ex, 0), even ? "tcp:warn;IO:severe" : "verbose");
+        _korLogger_SetLogLevelsForId(KOR_AT(ex, 0), logKey, even ? "all:info" : "tcp:severe;store:off");
+        _korLogger_SetLogLevelsForId(KOR_AT(ex, 0), passing, "warn");
+        _korLogger_LogByKey(passing, 29, nullptr, nullptr, 40, nullptr, 0, "stopped");
+        _korLogger_SetLogCentral(KOR_AT(ex, 0), even ? countSeen : nullptr);
+        _korLogger_SetLogCentralEx(KOR_AT(ex, 0), even ? countSeenEx : nullptr);
+        _korLogger_DestroyLoggerByKey(KOR_AT_D(0, ex), passing);
+        _korLogger_SetAltLoggerId(loggerIdOf(2000), source.loggerId);
+        _korLogger_DestroyLoggerByKey(KOR_AT_D(0, ex), 2000);
+        char spec[64];
+        _korLogger_GetLogLevelsForId(KOR_AT(ex, 0), logKey, spec, sizeof(spec));
+        if (round < 50) {
+            _korLogger_RegisterComponent(KOR_AT(ex, 0), ("stress" + std::to_string(round)).c_str(), "strs");
+        }
+    });
+    ASSERT_CLEAN();
+    for (Receiver* receiver : {&global, &own}) {
+        Ledger ledger;
+        for (const std::string& statement : receiver->take()) {
+            ASSERT_NO_FATAL_FAILURE(ledger.enter(statement));
+        }
+        ledger.expectAll();
+    }
+    EXPECT_LE(seen.load(), 2u * writers * statementsPerWriter);
+}
+
+// The handler of a running system changes hands: each statement goes to one of the two, and none to neither.
+TEST_F(KorLoggerStressTest, AHandlerSetUnderWayLosesNothing)
+{
+    Folder folder;
+    StreamCapture capture(StreamCapture::error);
+    korLogSourceEx source = {}; // no logger: both roads lead to the global one, the second with another name
+    _korLogger_SetLogSource(0, 29, "global", nullptr, &source);
+    runWriters(source, [&](int round) {
+        if (round == 1) {
+            _korLogger_SetLogFiles(KOR_AT(ex, 0), folder.path("log").c_str(), 2000000000, 2);
+        } else if (round > 1) {
+            _korLogger_SetDefaultLogHandler(KOR_AT(ex, 0));
+        }
+        std::this_thread::yield();
+    });
+    ASSERT_CLEAN();
+    _korLogger_Uninitialize(KOR_AT_D(0, ex));
+    std::istringstream lines(capture.text() + folder.text("log.0"));
+    std::map<std::pair<int, int>, int> arrived;
+    for (std::string line; std::getline(lines, line);) {
+        int writer = -1;
+        int number = -1;
+        char fill[64] = {};
+        size_t mark = line.find("] <");
+        ASSERT_NE(mark, std::string::npos) << line;
+        ASSERT_EQ(std::sscanf(line.c_str() + mark, "] <%d %d %40[f]>", &writer, &number, fill), 3) << line;
+        ASSERT_EQ(fill, filling);
+        arrived[{writer, number}]++;
+    }
+    EXPECT_EQ(arrived.size(), size_t{writers} * statementsPerWriter);
+    for (const auto& [statement, times] : arrived) {
+        ASSERT_EQ(times, 2) << statement.first << " " << statement.second; // one by each road
+    }
+}
+
+// Rolling under way: what the kept files hold is whole, and no file exceeds its limit by more than a statement.
+TEST_F(KorLoggerStressTest, RollingFilesHoldWholeStatements)
+{
+    Folder folder;
+    constexpr uint64_t logKey = 901;
+    constexpr uint64_t maxSize = 20000;
+    _korLogger_SetLogFiles(KOR_AT(ex, 0), folder.path("global").c_str(), maxSize, 3);
+    _korLogger_SetLogFilesForId(KOR_AT(ex, 0), logKey, folder.path("own").c_str(), maxSize, 3);
+    korLogSourceEx source = {};
+    _korLogger_SetLogSource(logKey, 29, "own", nullptr, &source);
+    runWriters(source, [](int) { std::this_thread::yield(); });
+    _korLogger_Uninitialize(KOR_AT_D(0, ex));
+    EXPECT_EQ(folder.names(),
+              (std::vector<std::string>{"global.0", "global.1", "global.2", "own.0", "own.1", "own.2"}));
+    for (const std::string& name : folder.names()) {
+        std::string text = folder.text(name);
+        EXPECT_LE(text.size(), maxSize + 200) << name;
+        EXPECT_TRUE(text.ends_with(">\n")) << name;
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);) {
+            ASSERT_EQ(line.find('>'), line.size() - 1) << line;
+            ASSERT_NE(line.find(filling), std::string::npos) << line;
+        }
+    }
+}
+
+} // namespace
