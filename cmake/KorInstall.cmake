@@ -16,5 +16,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/korutilConfigVersion.cmak
 install(FILES ${PROJECT_BINARY_DIR}/korutilConfig.cmake ${PROJECT_BINARY_DIR}/korutilConfigVersion.cmake
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/korutil)
 
+# The package file finds its prefix from where it lies, so an installed copy may be moved.
+file(RELATIVE_PATH KOR_PC_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
 configure_file(cmake/korutil.pc.in ${PROJECT_BINARY_DIR}/korutil.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/korutil.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
