@@ -4,8 +4,7 @@
 
 #include "korutil/korMutex.h"
 
-namespace kor::platform
-{
+namespace kor::platform {
 
 void mutexInit(korMutex* mutex);  ///< makes a free mutex; cannot fail
 void mutexClear(korMutex* mutex); ///< gives the system back what a mutex that nobody holds may own
