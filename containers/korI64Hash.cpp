@@ -217,10 +217,9 @@ void doubleSlots(korEx* ex, uint8_t depth, korI64Hash* hash, korI64HashPools* po
 {
     korI64Hash old = *hash;
     korI64Entry* slots = allocateSlots(KOR_AT(ex, depth), old.slotCount * 2);
-    auto* spare =
-        ex->code != 0
-            ? nullptr
-            : static_cast<korI64Entry**>(_kor_malloc(KOR_AT(ex, depth), old.slotCount * sizeof(korI64Entry*)));
+    size_t spareSize = old.slotCount * sizeof(korI64Entry*); // each old slot leaves one record over at most
+    void* memory = ex->code == 0 ? _kor_malloc(KOR_AT(ex, depth), spareSize) : nullptr;
+    auto* spare = static_cast<korI64Entry**>(memory);
     if (spare == nullptr) {
         _kor_free(KOR_AT_D(depth, ex), slots);
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);

@@ -61,12 +61,6 @@ int32_t tripling(const korDpa* dpa)
     return dpa->capacity > INT32_MAX / 2 ? INT32_MAX : std::max(dpa->capacity * 2, 2);
 }
 
-// Looks at four slots with one branch, which is what makes a linear search quick.
-bool holdsAny(const uint64_t* slots, uint64_t value)
-{
-    return (slots[0] == value) | (slots[1] == value) | (slots[2] == value) | (slots[3] == value);
-}
-
 void insertAt(korDpa* dpa, int32_t index, uint64_t value)
 {
     uint64_t* slot = &dpa->items[index];
@@ -436,18 +430,9 @@ int32_t _korDpa_FindOrdered(const korDpa* dpa, uint64_t value, korDpaCompare com
 
 int32_t _korDpa_Find(const korDpa* dpa, uint64_t value)
 {
-    const uint64_t* items = dpa->items;
-    int32_t count = dpa->count;
-    int32_t i = 0;
-    while (i + 4 <= count && !holdsAny(&items[i], value)) {
-        i += 4;
-    }
-    for (; i < count; i++) {
-        if (items[i] == value) {
-            return i;
-        }
-    }
-    return ~count;
+    const uint64_t* end = dpa->items + dpa->count;
+    const uint64_t* found = std::find(static_cast<const uint64_t*>(dpa->items), end, value);
+    return found != end ? static_cast<int32_t>(found - dpa->items) : ~dpa->count;
 }
 
 int32_t _korDpa_Remove(korDpa* dpa, uint64_t value)

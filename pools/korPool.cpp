@@ -165,14 +165,17 @@ korPoolBlock* createBlock(korEx* ex, uint8_t depth, korPool* pool)
     return block;
 }
 
-// Makes up to `count` further chunks of the block ready.
+// Makes up to `count` further chunks of the block ready. With an error pending only what needs no preparing: when there
+// is no memory for a further block, the rest of those at hand serves.
 void initChunks(korEx* ex, uint8_t depth, korPool* pool, korPoolBlock* block, uint32_t count)
 {
     uint32_t end = block->carved + std::min(count, pool->chunksPerBlock - block->carved);
-    while (ex->code == 0 && block->carved < end) {
+    while (block->carved < end) {
         uint8_t* chunk = chunkAt(pool, block, block->carved);
         if (pool->initChunk != nullptr) {
-            pool->initChunk(KOR_AT(ex, depth), chunk);
+            if (ex->code == 0) {
+                pool->initChunk(KOR_AT(ex, depth), chunk);
+            }
             if (ex->code != 0) {
                 return;
             }
@@ -342,6 +345,13 @@ void returnChunks(korPool* pool, korPoolThread* thread, bool all)
     }
 }
 
+void giveBack(korPool* pool, void* chunk)
+{
+    korFastLock_acquire(&pool->lock);
+    giveToBlock(pool, *backPointer(pool, chunk), chunk);
+    korFastLock_release(&pool->lock);
+}
+
 void keepChunk(uint8_t depth, korEx* ex, korPool* pool, korPoolThread* thread, void* chunk)
 {
     KOR_EX_PRIVATE(local, ex, depth);
@@ -350,6 +360,10 @@ void keepChunk(uint8_t depth, korEx* ex, korPool* pool, korPoolThread* thread, v
         local.code = 0;
         returnChunks(pool, thread, false);
         _korDpa_AddSafe(KOR_AT(&local, depth), &thread->returned, valueOf(chunk));
+    }
+    if (local.code != 0) { // half of a single slot is none
+        giveBack(pool, chunk);
+        return;
     }
     if (thread->returnedCount++ >= returnedLimit) {
         returnChunks(pool, thread, false);
@@ -376,9 +390,7 @@ __attribute__((noinline)) void returnSlow(uint8_t depth, korEx* ex, korPool* poo
         keepChunk(KOR_AT_D(depth, ex), pool, thread, chunk);
         return;
     }
-    korFastLock_acquire(&pool->lock);
-    giveToBlock(pool, *backPointer(pool, chunk), chunk);
-    korFastLock_release(&pool->lock);
+    giveBack(pool, chunk);
 }
 
 // ---- Giving memory back ---------------------------------------------------------------------------------------------

@@ -10,6 +10,7 @@
 
 KOR_BEGIN_DECLS
 
+/// A mutex and a condition in place; callers touch neither.
 typedef struct korFastCondition {
     korMutex mutex;         ///< orders waits and signals
     korCondition condition; ///< what the waiters wait for

@@ -9,6 +9,7 @@
 
 KOR_BEGIN_DECLS
 
+/// The parts, in place.
 typedef struct korFastRWLock {
     uint8_t
         gapBefore[KOR_LINE_GAP]; ///< unused; keeps `readers` alone on its cache line, as the gap in `firstLock` does

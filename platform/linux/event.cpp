@@ -42,7 +42,7 @@ constexpr uint64_t settled = uint64_t{1} << 63; // a ticket with a result: there
 // Rounds in which the only waiter looks for its grant before it sleeps: first for a set that is under way on another
 // processor, then giving this one to a thread that may be about to set. A set that comes within them costs neither side
 // a sleep and a wake-up.
-constexpr int spinRounds = hostile ? 0 : 20;
+constexpr int spinRounds = hostile ? 0 : 60;
 constexpr int yieldRounds = hostile ? 1 : 20;
 
 uint32_t generationOf(uint64_t field)
@@ -55,9 +55,9 @@ uint64_t waitersOf(uint64_t field)
     return field / oneWaiter & countMask;
 }
 
-bool hasGrant(uint64_t field)
+uint64_t grantsOf(uint64_t field)
 {
-    return (field / oneGrant & countMask) != 0;
+    return field / oneGrant & countMask;
 }
 
 // One waiter less; after the last one nobody sleeps who has not been woken.
@@ -78,9 +78,11 @@ uint32_t* sleepWord(uint64_t* event)
     return reinterpret_cast<uint32_t*>(event);
 }
 
-void spinForGrant(Field field, uint32_t ticket)
+// A wait with a limit does not give the processor away: it might not have it back in time.
+void spinForGrant(Field field, uint32_t ticket, bool limited)
 {
-    for (int round = 0; round < spinRounds + yieldRounds; round++) {
+    int rounds = limited ? spinRounds : spinRounds + yieldRounds;
+    for (int round = 0; round < rounds; round++) {
         uint64_t seen = field.load(std::memory_order_relaxed);
         if (generationOf(seen) != ticket || waitersOf(seen) != 1) {
             return;
@@ -95,11 +97,14 @@ int32_t waitForGrant(uint64_t* event, uint32_t ticket, uint32_t timeoutMs)
     Field field(*event);
     Deadline deadline(timeoutMs);
     int32_t slept = timeoutMs == 0 ? ETIMEDOUT : EAGAIN; // how the last sleep ended
+    if (timeoutMs != 0) {
+        spinForGrant(field, ticket, timeoutMs != waitForEver);
+    }
     for (;;) {
         hostileYield();
         uint64_t seen = field.load();
         bool entitled = slept == 0 || generationOf(seen) != ticket;
-        if (entitled && hasGrant(seen)) {
+        if (entitled && grantsOf(seen) != 0) {
             if (field.compare_exchange_weak(seen, seen - oneGrant)) {
                 return 0;
             }
@@ -161,8 +166,8 @@ uint64_t eventEnlist(uint64_t* event)
         if ((seen & created) == 0) {
             return settled | EINVAL;
         }
-        if (waitersOf(seen) == countMask) {
-            return settled | EAGAIN; // one more would run over into the grants
+        if (waitersOf(seen) + grantsOf(seen) == countMask) {
+            return settled | EAGAIN; // one more could overrun a count
         }
         bool on = (seen & signalled) != 0;
         if (field.compare_exchange_weak(seen, on ? seen & ~signalled : seen + oneWaiter)) {
@@ -175,9 +180,6 @@ int32_t eventWaitEnlisted(uint64_t* event, uint64_t ticket, uint32_t timeoutMs)
 {
     if ((ticket & settled) != 0) {
         return static_cast<int32_t>(ticket & ~settled);
-    }
-    if (timeoutMs != 0) {
-        spinForGrant(Field(*event), static_cast<uint32_t>(ticket));
     }
     return waitForGrant(event, static_cast<uint32_t>(ticket), timeoutMs);
 }

@@ -1,5 +1,5 @@
-// The 64-bit integer hash: growth, the single entry in the object, what removals do to a walk, failures. One model
-// check serves heap and pooled tables.
+// korI64Hash_test.cpp - the 64-bit integer hash: growth, the single entry in the object, what removals do to a walk,
+// failures. One model check serves heap and pooled tables.
 
 #include "korutil/korI64Hash.h"
 #include "support/failingHeap.h"

@@ -87,7 +87,7 @@ TEST_F(KorAllocTest, FailureIsCode2WithTheRoutinesOwnFrame)
     }
     EXPECT_STREQ(block, "kept"); // a failed realloc leaves the old block
     _kor_free(KOR_AT_D(0, ex), block);
-    volatile size_t half = SIZE_MAX / 2; // what the compiler cannot see, it does not warn of
+    volatile size_t half = SIZE_MAX / 2;                     // what the compiler cannot see, it does not warn of
     EXPECT_EQ(_kor_calloc(KOR_AT(ex, 0), half, 3), nullptr); // the product has no 64 bits
     EXPECT_RAISED(KOR_ERROR_NO_MEMORY, nullptr);
 }

@@ -301,7 +301,7 @@ TEST_F(KorExTest, DeepChainsArePrintedWhole)
         korEx_at(ex, static_cast<uint8_t>(depth), "a_function_with_a_name_that_is_longer_than_most_are_in_practice",
                  123456);
     }
-    KOR_RAISE(ex, 254, 9, std::string(255, 'd').c_str());
+    KOR_RAISE_F(ex, 254, 9, "%s", std::string(255, 'd').c_str());
     char* text = nullptr;
     int32_t length = _korEx_PrintException(ex, &text, 0, 1);
     EXPECT_EQ(static_cast<size_t>(length), std::strlen(text) + 1);

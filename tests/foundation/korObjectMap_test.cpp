@@ -148,7 +148,15 @@ struct Object {
     }
 };
 
-constexpr int places = 4, owners = 2, users = 2, rounds = 10000;
+constexpr int places = 4, owners = 2, users = 2, leastRounds = 3000;
+constexpr uint64_t leastUses = 3000;
+
+// Ids that users pick up and owners replace, and how often a user has reached an object.
+struct Exchange {
+    std::atomic<uint64_t> ids[places] = {};
+    std::atomic<uint64_t> uses = 0;
+    std::atomic<bool> ended = false;
+};
 
 void releaseObject(korEx* ex, uint64_t id, Object* object)
 {
@@ -158,11 +166,11 @@ void releaseObject(korEx* ex, uint64_t id, Object* object)
 }
 
 // Puts new objects in the place of old ones, whose last user frees them, or this owner.
-void replaceObjects(std::atomic<uint64_t>* ids)
+void replaceObjects(Exchange& exchange)
 {
     korEx* ex = korEx_Create();
-    for (int round = 0; round < rounds; round++) {
-        uint64_t old = ids[round % places].exchange(_korObjectMap_Register(ex, 0, new Object));
+    for (int round = 0; round < leastRounds || exchange.uses < leastUses; round++) {
+        uint64_t old = exchange.ids[round % places].exchange(_korObjectMap_Register(ex, 0, new Object));
         if (old != 0) {
             releaseObject(ex, old, static_cast<Object*>(_korObjectMap_Unregister(ex, 0, old)));
         }
@@ -171,52 +179,45 @@ void replaceObjects(std::atomic<uint64_t>* ids)
     korEx_Destroy(ex);
 }
 
-// Gives how often an object was reached.
-uint64_t useObjects(std::atomic<uint64_t>* ids, const std::atomic<bool>& ended)
+void useObjects(Exchange& exchange)
 {
     korEx* ex = korEx_Create();
-    uint64_t reached = 0;
-    int round = 0;
-    do { // until it has reached one: at the end every place has a living object
-        uint64_t id = ids[round++ % places];
+    for (int round = 0; !exchange.ended; round++) {
+        uint64_t id = exchange.ids[round % places];
         if (auto* object = static_cast<Object*>(_korObjectMap_Get(ex, 0, id))) {
             EXPECT_TRUE(object->usable);
             releaseObject(ex, id, object);
-            reached++;
+            exchange.uses++;
         } else {
             std::this_thread::yield(); // to an owner, who brings a new one
         }
         EXPECT_TRUE(ex->code == 0 || ex->code == KOR_ERROR_INVALID_ARGUMENT);
         korEx_Clear(ex);
-    } while (!ended || reached == 0);
+    }
     korEx_Destroy(ex);
-    return reached;
 }
 
 TEST_F(korObjectMapTest, EveryObjectIsFreedOnceByWhoeverIsLast)
 {
-    std::atomic<uint64_t> ids[places] = {};
-    std::atomic<bool> ended = false;
-    std::atomic<uint64_t> reached = 0;
+    Exchange exchange;
+    uint64_t heldBefore = gObjectMapMaxUsed - static_cast<uint64_t>(gObjectMapUnused.count);
     {
-        std::vector<std::jthread> usersThreads, ownerThreads;
+        std::vector<std::jthread> userThreads, ownerThreads;
         for (int i = 0; i < users; i++) {
-            usersThreads.emplace_back([&] { reached += useObjects(ids, ended); });
+            userThreads.emplace_back([&] { useObjects(exchange); });
         }
         for (int i = 0; i < owners; i++) {
-            ownerThreads.emplace_back([&] { replaceObjects(ids); });
+            ownerThreads.emplace_back([&] { replaceObjects(exchange); });
         }
         ownerThreads.clear();
-        ended = true;
+        exchange.ended = true;
     }
     EXPECT_EQ(alive, places);
-    EXPECT_GT(reached, 0u);
-    for (std::atomic<uint64_t>& id : ids) {
+    for (std::atomic<uint64_t>& id : exchange.ids) {
         releaseObject(ex, id, static_cast<Object*>(_korObjectMap_Unregister(ex, 0, id)));
     }
     EXPECT_EQ(alive, 0);
-    // Every slot is free again, once.
-    EXPECT_LE(static_cast<uint64_t>(gObjectMapUnused.count), gObjectMapMaxUsed);
+    EXPECT_EQ(gObjectMapMaxUsed - static_cast<uint64_t>(gObjectMapUnused.count), heldBefore); // each slot is free once
 }
 
 } // namespace

@@ -5,9 +5,10 @@
 
 #include "log/layouts.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdarg>
 #include <cstring>
-#include <regex>
 #include <thread>
 
 namespace {
@@ -41,10 +42,18 @@ std::string exceptionText(const korEx* ex)
     return text;
 }
 
-// A statement must look like this from end to end.
-void expectMatch(const std::string& text, const std::string& expression)
+// A text with every digit as 9 and a number behind 0x as X, for texts that show time and thread.
+std::string shapeOf(const std::string& text)
 {
-    EXPECT_TRUE(std::regex_match(text, std::regex(expression))) << text;
+    std::string shape;
+    for (size_t index = 0; index < text.size(); index++) {
+        if (shape.ends_with("9x")) {
+            index = std::min(text.find_first_not_of("0123456789ABCDEF", index), text.size());
+            shape += 'X';
+        }
+        shape += std::isdigit(static_cast<unsigned char>(text[index])) != 0 ? '9' : text[index];
+    }
+    return shape;
 }
 
 TEST_F(KorStatementTest, ACallbackStatementHasNoTimeAndNoNewline)
@@ -123,26 +132,24 @@ TEST_F(KorStatementTest, AVerboseStatementShowsTimeAndThread)
 {
     static bool flagsAreOn = false;
     korHandlerLayout layout = _gLogger.consoleHandler->layout;
-    fail(KOR_AT(ex, 0));
-    std::string trace = exceptionText(ex);
-    const std::string date = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.)";
     if (!flagsAreOn) {
-        expectMatch(layOut(layout, 4096, "exec", 110, nullptr, "text %d", 1),
-                    date + R"(\d{3} warn exec: label \[name\] text 1\n)");
-        std::string withException = layOut(layout, 4096, "ws", 80, ex, "text");
-        EXPECT_EQ(withException.substr(23), " dbg1   ws: label [name] text\n" + trace);
+        EXPECT_EQ(shapeOf(layOut(layout, 4096, "exec", 110, nullptr, "text")),
+                  "9999-99-99 99:99:99.999 warn exec: label [name] text\n");
+        fail(KOR_AT(ex, 0));
+        EXPECT_EQ(layOut(layout, 4096, "ws", 80, ex, "text %d", 1).substr(23),
+                  " dbg1   ws: label [name] text 1\n" + exceptionText(ex));
         korEx_Clear(ex);
         _korLogger_SetLogLevels(KOR_AT(ex, 0), "tcp:warn;precise_time");
         EXPECT_EQ(_korLogger_GetLogLevel(29), 110);
-        expectMatch(layOut(layout, 4096, "ws", 127, nullptr, "t"), date + R"(0\d{5}  off   ws: label \[name\] t\n)");
+        EXPECT_EQ(shapeOf(layOut(layout, 4096, "ws", 127, nullptr, "t")),
+                  "9999-99-99 99:99:99.999999  off   ws: label [name] t\n");
         flagsAreOn = true;
     }
-    korEx_Clear(ex);
     _korLogger_SetLogLevels(KOR_AT(ex, 0), "warn;xthread_idx;xprecise_timex");
     EXPECT_EQ(_korLogger_GetLogLevel(29), 110);
     for (int attempt = 0; attempt < 100; attempt++) { // the low 16 bits of the microseconds
         std::string text = layOut(layout, 4096, nullptr, 50, nullptr, "t");
-        expectMatch(text, date + R"(0\d{5} tid 0x[0-9A-F]+ _int     : label \[name\] t\n)");
+        EXPECT_EQ(shapeOf(text), "9999-99-99 99:99:99.999999 tid 9xX _int     : label [name] t\n");
         ASSERT_LT(std::stoi(text.substr(20, 6)), 65536);
     }
 }
@@ -168,9 +175,10 @@ TEST_F(KorStatementTest, OtherLayouts)
     using namespace kor::logging;
     EXPECT_EQ(layOut(__bareLayout, 100, "tcp", 100, nullptr, "text %d", 1), "- text 1\n");
     EXPECT_EQ(layOut(__tagLayout, 100, "tcp", 110, nullptr, "text"), "warn [tcp]: text");
-    expectMatch(layOut(__datedLayout, 100, "tcp", 90, nullptr, "text"),
-                R"([-\d]{10} [.:\d]{12} - verbose \[tcp\]: text\n)");
-    expectMatch(layOut(__datedLayout, 100, nullptr, 90, nullptr, "text"), R"([-\d]{10} [.:\d]{12} - verbose: text\n)");
+    EXPECT_EQ(shapeOf(layOut(__datedLayout, 100, "tcp", 90, nullptr, "text")),
+              "9999-99-99 99:99:99.999 - verbose [tcp]: text\n");
+    EXPECT_EQ(shapeOf(layOut(__datedLayout, 100, nullptr, 90, nullptr, "text")),
+              "9999-99-99 99:99:99.999 - verbose: text\n");
 
     fail(KOR_AT(ex, 7)); // frame 7 calls, frame 8 raises
     ex->baseDepth = 7;

@@ -95,6 +95,7 @@ void countSeenEx(uint64_t, const char*, uint32_t, const char*, const char*, int3
 TEST_F(KorLoggerStressTest, CallbacksGetEveryStatementWholeWhileAllElseChanges)
 {
     constexpr uint64_t logKey = 900;
+    seen = 0;
     Receiver global;
     Receiver own;
     receive(global);

@@ -1,4 +1,5 @@
-// Arrays: capacity and growth rules, order among equals, failures. Heap and pooled arrays go through one model check.
+// korDpa_test.cpp - arrays: capacity and growth rules, order among equals, failures. Heap and pooled arrays go through
+// one model check.
 
 #include "korutil/korDpa.h"
 #include "korutil/korPool.h"

@@ -1,4 +1,4 @@
-// Counted arrays: with the library's shared pool and without it.
+// korRefDpa_test.cpp - counted arrays: with the library's shared pool and without it.
 
 #include "korutil/korAlloc.h"
 #include "korutil/korPool.h"

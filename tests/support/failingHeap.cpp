@@ -153,6 +153,18 @@ void install()
 
 #else
 
+// A sanitizer's heap refuses an impossible request as any heap does, and does not end the program.
+extern "C" {
+const char* __asan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
+const char* __tsan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
+}
+
 // The heap behind this one: a sanitizer's if the program has one, else the C library's.
 extern "C" {
 __attribute__((weak)) void* __interceptor_malloc(size_t size);
