@@ -5,6 +5,7 @@
 
 #include "korutil/korLib.h"
 
+#include "foundation/unload.h"
 #include "korutil/korAffinity.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korMutex.h"
@@ -30,6 +31,8 @@ korMutex libraryLock;
 korMutex retainLock;
 uint8_t retainLockMade = 0; // atomic
 uint32_t retainCount = 0;   // guarded by retainLock
+
+UnloadStep* unloadSteps = nullptr; // atomic: the step hooked in last
 
 class MutexGuard
 {
@@ -158,12 +161,21 @@ void threadEnds()
     _runDestructors();
 }
 
-// All that lives as long as the process, otherwise. Values go first, since their destructors are code of the families;
-// the threads' store last, since all else rests on it.
+void atUnload(UnloadStep& step)
+{
+    std::atomic_ref first(unloadSteps);
+    step.next = first.load();
+    while (!first.compare_exchange_weak(step.next, &step)) {
+    }
+}
+
+// Values go first, since their destructors are code of the families; the store last, since all else rests on it.
 void libraryUnloads()
 {
     endThreadValues();
-    freeThreadNames();
+    for (UnloadStep* step = unloadSteps; step != nullptr; step = step->next) {
+        step->run();
+    }
     freeThreadStore();
 }
 

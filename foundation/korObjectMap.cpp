@@ -6,6 +6,7 @@
 #include "korutil/korObjectMap.h"
 
 #include "foundation/hostile.h"
+#include "foundation/unload.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korThread.h"
 #include "platform/mutex.h"
@@ -36,9 +37,24 @@ public:
     MapGuard& operator=(const MapGuard&) = delete;
 };
 
+void freeMap()
+{
+    KOR_EX_LOCAL(local);
+    for (korObjectMapSlot* table : gObjectMap) {
+        if (table != gObjectMap0) {
+            _kor_free(KOR_AT_D(0, &local), table);
+        }
+    }
+    _korDpa_Clear(KOR_AT_D(0, &local), &gObjectMapUnused);
+    platform::mutexClear(&gObjectMapLock);
+}
+
+UnloadStep freesMap = {freeMap, nullptr};
+
 void _korObjectMap_Init()
 {
     KOR_EX_LOCAL(local);
+    atUnload(freesMap);
     platform::mutexInit(&gObjectMapLock);
     _korDpa_PerformInit(KOR_AT(&local, 0), &gObjectMapUnused, KOR_OBJECT_MAP_TABLE, nullptr);
 }

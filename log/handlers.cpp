@@ -37,8 +37,18 @@ Record* recordOf(korHandler* handler)
     return reinterpret_cast<Record*>(handler);
 }
 
-template <typename Record>
-korHandler* newHandler(korEx* ex, uint8_t depth, korHandlerOpen open, korHandlerClose close)
+void setLog(korHandler* handler, korHandlerLog log)
+{
+    handler->log = log;
+}
+
+void setLog(korHandler* handler, korHandlerLogEx log)
+{
+    handler->logEx = log;
+}
+
+template <typename Record, typename Log>
+korHandler* newHandler(korEx* ex, uint8_t depth, korHandlerOpen open, korHandlerClose close, Log log)
 {
     if (ex->code != 0) {
         return nullptr;
@@ -47,6 +57,7 @@ korHandler* newHandler(korEx* ex, uint8_t depth, korHandlerOpen open, korHandler
     if (handler != nullptr) {
         handler->open = open;
         handler->close = close;
+        setLog(handler, log);
     }
     return handler;
 }
@@ -175,22 +186,14 @@ void _korConsoleHandler_CloseEx(korEx* ex, uint8_t depth, korHandler* handler)
 
 korHandler* _korConsoleHandler_Create(korEx* ex, uint8_t depth)
 {
-    korHandler* handler =
-        newHandler<ConsoleHandler<PlainForm>>(KOR_AT(ex, depth), _korConsoleHandler_Open, _korConsoleHandler_Close);
-    if (handler != nullptr) {
-        handler->log = _korConsoleHandler_Log;
-    }
-    return handler;
+    return newHandler<ConsoleHandler<PlainForm>>(KOR_AT(ex, depth), _korConsoleHandler_Open, _korConsoleHandler_Close,
+                                                 _korConsoleHandler_Log);
 }
 
 korHandler* _korConsoleHandler_CreateEx(korEx* ex, uint8_t depth)
 {
-    korHandler* handler =
-        newHandler<ConsoleHandler<KeyedForm>>(KOR_AT(ex, depth), _korConsoleHandler_OpenEx, _korConsoleHandler_CloseEx);
-    if (handler != nullptr) {
-        handler->logEx = _korConsoleHandler_LogEx;
-    }
-    return handler;
+    return newHandler<ConsoleHandler<KeyedForm>>(KOR_AT(ex, depth), _korConsoleHandler_OpenEx,
+                                                 _korConsoleHandler_CloseEx, _korConsoleHandler_LogEx);
 }
 
 void _korConsoleHandler_ClosePrivate(korEx* ex, uint8_t depth, korHandler* handler)
@@ -240,10 +243,10 @@ void closeCallback(korEx* ex, uint8_t depth, korHandler* handler)
     freeHandler(KOR_AT(ex, depth), handler, &callback->mutex);
 }
 
-template <typename Form>
-korHandler* createCallback(korEx* ex, uint8_t depth, korHandlerOpen open, korHandlerClose close)
+template <typename Form, typename Log>
+korHandler* createCallback(korEx* ex, uint8_t depth, korHandlerOpen open, korHandlerClose close, Log log)
 {
-    korHandler* handler = newHandler<CallbackHandler<Form>>(KOR_AT(ex, depth), open, close);
+    korHandler* handler = newHandler<CallbackHandler<Form>>(KOR_AT(ex, depth), open, close, log);
     if (handler == nullptr) {
         return nullptr;
     }
@@ -291,22 +294,14 @@ void _korCallbackHandler_CloseEx(korEx* ex, uint8_t depth, korHandler* handler)
 
 korHandler* _korCallbackHandler_Create(korEx* ex, uint8_t depth)
 {
-    korHandler* handler =
-        createCallback<PlainForm>(KOR_AT(ex, depth), _korCallbackHandler_Open, _korCallbackHandler_Close);
-    if (handler != nullptr) {
-        handler->log = _korCallbackHandler_Log;
-    }
-    return handler;
+    return createCallback<PlainForm>(KOR_AT(ex, depth), _korCallbackHandler_Open, _korCallbackHandler_Close,
+                                     _korCallbackHandler_Log);
 }
 
 korHandler* _korCallbackHandler_CreateEx(korEx* ex, uint8_t depth)
 {
-    korHandler* handler =
-        createCallback<KeyedForm>(KOR_AT(ex, depth), _korCallbackHandler_OpenEx, _korCallbackHandler_CloseEx);
-    if (handler != nullptr) {
-        handler->logEx = _korCallbackHandler_LogEx;
-    }
-    return handler;
+    return createCallback<KeyedForm>(KOR_AT(ex, depth), _korCallbackHandler_OpenEx, _korCallbackHandler_CloseEx,
+                                     _korCallbackHandler_LogEx);
 }
 
 void _korCallbackHandler_ClosePrivate(korEx* ex, uint8_t depth, korHandler* handler)
@@ -484,22 +479,14 @@ void _korRollingFileHandler_CloseEx(korEx* ex, uint8_t depth, korHandler* handle
 
 korHandler* _korRollingFileHandler_Create(korEx* ex, uint8_t depth)
 {
-    korHandler* handler = newHandler<RollingFileHandler<PlainForm>>(KOR_AT(ex, depth), _korRollingFileHandler_Open,
-                                                                    _korRollingFileHandler_Close);
-    if (handler != nullptr) {
-        handler->log = _korRollingFileHandler_Log;
-    }
-    return handler;
+    return newHandler<RollingFileHandler<PlainForm>>(KOR_AT(ex, depth), _korRollingFileHandler_Open,
+                                                     _korRollingFileHandler_Close, _korRollingFileHandler_Log);
 }
 
 korHandler* _korRollingFileHandler_CreateEx(korEx* ex, uint8_t depth)
 {
-    korHandler* handler = newHandler<RollingFileHandler<KeyedForm>>(KOR_AT(ex, depth), _korRollingFileHandler_OpenEx,
-                                                                    _korRollingFileHandler_CloseEx);
-    if (handler != nullptr) {
-        handler->logEx = _korRollingFileHandler_LogEx;
-    }
-    return handler;
+    return newHandler<RollingFileHandler<KeyedForm>>(KOR_AT(ex, depth), _korRollingFileHandler_OpenEx,
+                                                     _korRollingFileHandler_CloseEx, _korRollingFileHandler_LogEx);
 }
 
 void _korRollingFileHandler_ClosePrivate(korEx* ex, uint8_t depth, korHandler* handler)
@@ -546,11 +533,7 @@ void _korFileHandler_Log(korHandler* handler, const char* statement)
 
 korHandler* _korFileHandler_Create(korEx* ex, uint8_t depth)
 {
-    korHandler* handler = newHandler<FileHandler>(KOR_AT(ex, depth), _korFileHandler_Open, _korFileHandler_Close);
-    if (handler != nullptr) {
-        handler->log = _korFileHandler_Log;
-    }
-    return handler;
+    return newHandler<FileHandler>(KOR_AT(ex, depth), _korFileHandler_Open, _korFileHandler_Close, _korFileHandler_Log);
 }
 
 void _korFileHandler_Close(korEx* ex, uint8_t depth, korHandler* handler)
@@ -622,12 +605,8 @@ void _korDatedFileHandler_Log(korHandler* handler, const char* statement)
 
 korHandler* _korDatedFileHandler_Create(korEx* ex, uint8_t depth)
 {
-    korHandler* handler =
-        newHandler<DatedFileHandler>(KOR_AT(ex, depth), _korDatedFileHandler_Open, _korDatedFileHandler_Close);
-    if (handler != nullptr) {
-        handler->log = _korDatedFileHandler_Log;
-    }
-    return handler;
+    return newHandler<DatedFileHandler>(KOR_AT(ex, depth), _korDatedFileHandler_Open, _korDatedFileHandler_Close,
+                                        _korDatedFileHandler_Log);
 }
 
 void _korDatedFileHandler_Close(korEx* ex, uint8_t depth, korHandler* handler)
@@ -688,11 +667,11 @@ void _korDpaHandler_Log(korHandler* handler, const char* statement)
 
 korHandler* _korDpaHandler_Create(korEx* ex, uint8_t depth)
 {
-    korHandler* handler = newHandler<DpaHandler>(KOR_AT(ex, depth), _korDpaHandler_Open, _korDpaHandler_Close);
+    korHandler* handler =
+        newHandler<DpaHandler>(KOR_AT(ex, depth), _korDpaHandler_Open, _korDpaHandler_Close, _korDpaHandler_Log);
     if (handler == nullptr) {
         return nullptr;
     }
-    handler->log = _korDpaHandler_Log;
     auto* array = recordOf<DpaHandler>(handler);
     array->mutex = _korMutex_Create(KOR_AT(ex, depth));
     if (array->mutex == nullptr) {
@@ -722,11 +701,7 @@ void _korNullHandler_Log(korHandler*, const char*) {}
 
 korHandler* _korNullHandler_Create(korEx* ex, uint8_t depth)
 {
-    korHandler* handler = newHandler<korHandler>(KOR_AT(ex, depth), _korNullHandler_Open, _korNullHandler_Close);
-    if (handler != nullptr) {
-        handler->log = _korNullHandler_Log;
-    }
-    return handler;
+    return newHandler<korHandler>(KOR_AT(ex, depth), _korNullHandler_Open, _korNullHandler_Close, _korNullHandler_Log);
 }
 
 void _korNullHandler_Close(korEx* ex, uint8_t depth, korHandler* handler)

@@ -1,4 +1,4 @@
-// korLogger.cpp - start and end of the logging system, the loggers of log keys, and the choice of their handlers.
+// korLogger.cpp - start and end of the logging system, the loggers of log keys, and their levels.
 //
 // A per-key logger lives in the object map. Its owner's reference stands from its making until its key is destroyed;
 // everyone else holds one for the length of a call. The last reference to go takes the record with it.
@@ -10,11 +10,8 @@
 #include "foundation/hostile.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korObjectMap.h"
-#include "korutil/korText.h"
 #include "korutil/korThread.h"
 #include "korutil/korThreadLocal.h"
-
-#include <cerrno>
 
 using namespace kor::logging;
 
@@ -171,7 +168,7 @@ void _korLogger_Initialize(korEx* ex, uint8_t depth)
     if (ex->code != 0 || _gLogger.lock != nullptr) { // up already
         return;
     }
-    _gLogger = {};
+    _korLogger_Uninitialize(KOR_AT_D(depth, ex)); // what was set while the system was down
     _gLogger.lock = _korRWLock_Create(KOR_AT_D(depth, ex));
     initTables(KOR_AT(ex, depth));
     __initStaticComponents(KOR_AT(ex, depth));
@@ -305,7 +302,7 @@ uint64_t createLogger(korEx* ex, uint8_t depth, uint64_t logKey)
 
 uint64_t findOrCreateLogger(korEx* ex, uint8_t depth, uint64_t logKey)
 {
-    if (_gLogger.lock == nullptr) { // the system is down: nobody would ever end the logger
+    if (!isUp(KOR_AT(ex, depth))) { // nobody would ever end the logger
         return 0;
     }
     _korRWLock_WriteLock(KOR_AT_D(depth, ex), _gLogger.lock);
@@ -513,228 +510,4 @@ void _korLogger_SetLoggerLogLevelWithLevel(const korLogSourceEx* sourceEx, uint8
     }
     tellLevelOfSource(sourceEx, component, level, logger->logKey);
     _korLogger_Release(KOR_AT_D(0, &local), logger);
-}
-
-// ---- The choice of handlers -----------------------------------------------------------------------------------------
-//
-// A set that failed counts as set: its handler stays in its field and refuses the next attempt.
-
-namespace {
-
-constexpr const char* onceSet = "Once set, a callback or rolling file logger cannot be removed or replaced.";
-
-using OpenHandler = bool(korEx* ex, uint8_t depth, korHandler* handler, korStrHash* properties);
-
-void openWithCallback(korEx* ex, uint8_t depth, korHandler* handler, OpenHandler open, korLogCallback callback)
-{
-    korStrHash* properties = _korStrHash_Create(KOR_AT(ex, depth), 1);
-    if (ex->code == 0) {
-        _korStrHash_Set(KOR_AT(ex, depth), properties, "logCallback", 0, reinterpret_cast<uint64_t>(callback));
-    }
-    open(KOR_AT(ex, depth), handler, properties);
-    _korStrHash_Destroy(KOR_AT_D(depth, ex), properties);
-}
-
-void setText(korEx* ex, uint8_t depth, korStrHash* properties, const char* name, const char* text)
-{
-    if (ex->code == 0) {
-        _korStrHash_Set(KOR_AT(ex, depth), properties, name, 0, reinterpret_cast<uint64_t>(text));
-    }
-}
-
-void openWithFiles(korEx* ex, uint8_t depth, korHandler* handler, OpenHandler open, const char* filenamePrefix,
-                   uint64_t maxSize, uint32_t maxFiles)
-{
-    char maxSizeText[64];
-    char maxFilesText[64];
-    _kor_snprintf(maxSizeText, sizeof(maxSizeText), "%llu", static_cast<unsigned long long>(maxSize));
-    _kor_snprintf(maxFilesText, sizeof(maxFilesText), "%u", maxFiles);
-    korStrHash* properties = _korStrHash_Create(KOR_AT(ex, depth), 3);
-    setText(KOR_AT(ex, depth), properties, "filenamePrefix", filenamePrefix);
-    setText(KOR_AT(ex, depth), properties, "maxSize", maxSizeText);
-    setText(KOR_AT(ex, depth), properties, "maxFiles", maxFilesText);
-    if (!open(KOR_AT(ex, depth), handler, properties) && ex->code == 0) {
-        ex->osError = errno;
-        KOR_RAISE(ex, depth, KOR_ERROR_OS, "Unable to open log file.");
-    }
-    _korStrHash_Destroy(KOR_AT_D(depth, ex), properties);
-}
-
-// With the lock of `_gLogger` held, as the next one.
-void setGlobalCallback(korEx* ex, uint8_t depth, korLogCallback callback, void* closure)
-{
-    if (_gLogger.callbackHandler != nullptr || _gLogger.rollingFileHandler != nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NOT_PERMITTED, onceSet);
-        return;
-    }
-    korHandler* handler = _korCallbackHandler_Create(KOR_AT(ex, depth));
-    if (handler == nullptr) {
-        return;
-    }
-    handler->layout = __callbackLayout;
-    _gLogger.callbackHandler = handler;
-    _gLogger.callbackClosure = closure;
-    openWithCallback(KOR_AT(ex, depth), handler, _korHandler_Open, callback);
-    if (ex->code == 0) {
-        _gLogger.currentHandler = handler;
-    }
-}
-
-void setGlobalFiles(korEx* ex, uint8_t depth, const char* filenamePrefix, uint64_t maxSize, uint32_t maxFiles)
-{
-    if (_gLogger.callbackHandler != nullptr || _gLogger.rollingFileHandler != nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NOT_PERMITTED, onceSet);
-        return;
-    }
-    korHandler* handler = _korRollingFileHandler_Create(KOR_AT(ex, depth));
-    if (handler == nullptr) {
-        return;
-    }
-    handler->layout = __verboseLayout;
-    _gLogger.rollingFileHandler = handler;
-    openWithFiles(KOR_AT(ex, depth), handler, _korHandler_Open, filenamePrefix, maxSize, maxFiles);
-    if (ex->code == 0) {
-        _gLogger.currentHandler = handler;
-    }
-}
-
-// With the lock of the record held, as the next one.
-void setCallbackOfRecord(korEx* ex, uint8_t depth, korLogger* logger, korLogCallback callback, void* closure)
-{
-    if (logger->callbackHandlerEx != nullptr || logger->rollingFileHandlerEx != nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NOT_PERMITTED, onceSet);
-        return;
-    }
-    korHandler* handler = _korCallbackHandler_CreateEx(KOR_AT(ex, depth));
-    if (handler == nullptr) {
-        return;
-    }
-    handler->layoutEx = __callbackLayoutEx;
-    reinterpret_cast<KeyedForm*>(handler)->logKey = logger->logKey;
-    logger->callbackHandlerEx = handler;
-    logger->head.callbackClosure = closure;
-    openWithCallback(KOR_AT(ex, depth), handler, _korHandler_OpenEx, callback);
-    if (ex->code == 0) {
-        logger->currentHandlerEx = handler;
-    }
-}
-
-void setFilesOfRecord(korEx* ex, uint8_t depth, korLogger* logger, const char* filenamePrefix, uint64_t maxSize,
-                      uint32_t maxFiles)
-{
-    if (logger->callbackHandlerEx != nullptr || logger->rollingFileHandlerEx != nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NOT_PERMITTED, onceSet);
-        return;
-    }
-    korHandler* handler = _korRollingFileHandler_CreateEx(KOR_AT(ex, depth));
-    if (handler == nullptr) {
-        return;
-    }
-    handler->layoutEx = __verboseLayoutEx;
-    reinterpret_cast<KeyedForm*>(handler)->logKey = logger->logKey;
-    logger->rollingFileHandlerEx = handler;
-    openWithFiles(KOR_AT(ex, depth), handler, _korHandler_OpenEx, filenamePrefix, maxSize, maxFiles);
-    if (ex->code == 0) {
-        logger->currentHandlerEx = handler;
-    }
-}
-
-void finishSetting(korEx* ex, uint8_t depth, korLogger* logger)
-{
-    if (ex->code == 0) {
-        __setLoggerSetInit(KOR_AT(ex, depth), logger);
-    }
-    _korLogger_Release(KOR_AT_D(depth, ex), logger);
-}
-
-} // namespace
-
-void _korLogger_SetDefaultLogHandler(korEx* ex, uint8_t depth)
-{
-    if (ex->code != 0) {
-        return;
-    }
-    autoInitialize();
-    _korRWLock_WriteLock(KOR_AT_D(depth, ex), _gLogger.lock);
-    _gLogger.currentHandler = _gLogger.defaultHandler;
-    _korRWLock_UnlockWriteLock(KOR_AT_D(depth, ex), _gLogger.lock);
-}
-
-void _korLogger_SetLogCallback(korEx* ex, uint8_t depth, korLogCallback callback, void* closure)
-{
-    if (ex->code != 0) {
-        return;
-    }
-    autoInitialize();
-    _korRWLock_WriteLock(KOR_AT_D(depth, ex), _gLogger.lock);
-    setGlobalCallback(KOR_AT(ex, depth), callback, closure);
-    _korRWLock_UnlockWriteLock(KOR_AT_D(depth, ex), _gLogger.lock);
-}
-
-void _korLogger_SetLogFiles(korEx* ex, uint8_t depth, const char* filenamePrefix, uint64_t maxSize, uint32_t maxFiles)
-{
-    if (ex->code != 0) {
-        return;
-    }
-    autoInitialize();
-    _korRWLock_WriteLock(KOR_AT_D(depth, ex), _gLogger.lock);
-    setGlobalFiles(KOR_AT(ex, depth), filenamePrefix, maxSize, maxFiles);
-    _korRWLock_UnlockWriteLock(KOR_AT_D(depth, ex), _gLogger.lock);
-}
-
-void _korLogger_SetLogCallbackForId(korEx* ex, uint8_t depth, uint64_t logKey, korLogCallback callback, void* closure)
-{
-    if (logKey == 0) {
-        _korLogger_SetLogCallback(KOR_AT(ex, depth), callback, closure);
-        return;
-    }
-    autoInitialize();
-    korLogger* logger = obtainByKey(KOR_AT(ex, depth), logKey);
-    if (logger == nullptr) {
-        return;
-    }
-    _korRWLock_WriteLock(KOR_AT_D(depth, ex), logger->head.lock);
-    setCallbackOfRecord(KOR_AT(ex, depth), logger, callback, closure);
-    _korRWLock_UnlockWriteLock(KOR_AT_D(depth, ex), logger->head.lock);
-    finishSetting(KOR_AT(ex, depth), logger);
-}
-
-void _korLogger_SetLogFilesForId(korEx* ex, uint8_t depth, uint64_t logKey, const char* filenamePrefix,
-                                 uint64_t maxSize, uint32_t maxFiles)
-{
-    if (logKey == 0) {
-        _korLogger_SetLogFiles(KOR_AT(ex, depth), filenamePrefix, maxSize, maxFiles);
-        return;
-    }
-    autoInitialize();
-    korLogger* logger = obtainByKey(KOR_AT(ex, depth), logKey);
-    if (logger == nullptr) {
-        return;
-    }
-    _korRWLock_WriteLock(KOR_AT_D(depth, ex), logger->head.lock);
-    setFilesOfRecord(KOR_AT(ex, depth), logger, filenamePrefix, maxSize, maxFiles);
-    _korRWLock_UnlockWriteLock(KOR_AT_D(depth, ex), logger->head.lock);
-    finishSetting(KOR_AT(ex, depth), logger);
-}
-
-void _korLogger_SetLogCentral(korEx* ex, uint8_t depth, korLogCentral observer)
-{
-    if (ex->code != 0) {
-        return;
-    }
-    autoInitialize();
-    _korRWLock_WriteLock(KOR_AT_D(depth, ex), _gLogger.lock);
-    KOR_ATOMIC_STORE(&gCentral, observer);
-    _korRWLock_UnlockWriteLock(KOR_AT_D(depth, ex), _gLogger.lock);
-}
-
-void _korLogger_SetLogCentralEx(korEx* ex, uint8_t depth, korLogCentralEx observer)
-{
-    if (ex->code != 0) {
-        return;
-    }
-    autoInitialize();
-    _korRWLock_WriteLock(KOR_AT_D(depth, ex), _gLogger.lock);
-    KOR_ATOMIC_STORE(&gCentralEx, observer);
-    _korRWLock_UnlockWriteLock(KOR_AT_D(depth, ex), _gLogger.lock);
 }

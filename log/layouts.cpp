@@ -4,35 +4,13 @@
 
 #include "log/logger.h"
 #include "log/text.h"
+#include "log/timeStamp.h"
 
 #include "korutil/korThread.h"
-#include "korutil/korTime.h"
 
 namespace kor::logging {
 
 namespace {
-
-// The last field is the low 16 bits of the microseconds: readers of these files know it so.
-void appendPreciseTime(Text& text)
-{
-    constexpr uint32_t nanosecondsInMicrosecond = 1000;
-    korTime now;
-    korDateTime local;
-    _kor_GetCurrentTime(&now);
-    _kor_GetLocalTime(&now, &local);
-    appendf(text, "%04d-%02d-%02d %02d:%02d:%02d.%06d", local.year, local.month, local.day, local.hour, local.minute,
-            local.second, static_cast<uint16_t>(now.nanoseconds / nanosecondsInMicrosecond));
-}
-
-void appendTime(Text& text)
-{
-    if (KOR_ATOMIC_LOAD_RELAXED(&gPreciseTime) != 0) {
-        appendPreciseTime(text);
-    } else {
-        char now[KOR_LOCAL_TIME_SIZE];
-        append(text, now, _kor_GetCurrentLocalTimeStr(now, sizeof(now)));
-    }
-}
 
 void appendTags(Text& text, const char* shortTag, int32_t level)
 {
@@ -51,7 +29,9 @@ Text start(char* buffer, uint32_t size)
 Text startVerbose(char* buffer, uint32_t size, const char* shortTag, int32_t level)
 {
     Text text = start(buffer, size);
-    appendTime(text);
+    korTime now;
+    _kor_GetCurrentTime(&now);
+    appendTime(text, now, KOR_ATOMIC_LOAD_RELAXED(&gPreciseTime) != 0);
     if (KOR_ATOMIC_LOAD_RELAXED(&gThreadId) != 0) {
         appendf(text, " tid 0x%llX", static_cast<unsigned long long>(_korThread_CurrentSystemThreadID()));
     }

@@ -98,6 +98,14 @@ const char* shortTagOf(uint8_t component)
     return component <= KOR_LOG_MAX_COMPONENT ? KOR_ATOMIC_LOAD_ACQUIRE(&gComponents[component].shortTag) : nullptr;
 }
 
+bool isUp(korEx* ex, uint8_t depth)
+{
+    if (_gLogger.lock == nullptr) {
+        KOR_RAISE(ex, depth, KOR_ERROR_NOT_INITIALIZED, "The logging system is not initialized.");
+    }
+    return ex->code == 0;
+}
+
 uint8_t highestComponent(korEx* ex, uint8_t depth)
 {
     _korRWLock_ReadLock(KOR_AT_D(depth, ex), _gLogger.lock);
@@ -282,14 +290,6 @@ uint64_t addGroup(korEx* ex, uint8_t depth, const char* tag, const uint8_t* comp
     std::memcpy(row.components, components, count);
     _gLogger.groupCount = id;
     return id;
-}
-
-bool isUp(korEx* ex, uint8_t depth)
-{
-    if (_gLogger.lock == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NOT_INITIALIZED, "The logging system is not initialized.");
-    }
-    return ex->code == 0;
 }
 
 } // namespace

@@ -86,6 +86,8 @@ extern uint8_t gThreadId;          ///< atomic: 1 = statements show the thread's
 extern korLogCentral gCentral;     ///< atomic
 extern korLogCentralEx gCentralEx; ///< atomic
 
+/// True if the logging system is up; raises code 5 if it is not.
+bool isUp(korEx* ex, uint8_t depth);
 /// Brings the logging system up at the first call that needs it.
 void autoInitialize();
 

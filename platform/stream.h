@@ -7,7 +7,8 @@
 
 namespace kor::platform {
 
-/// Opens a file and keeps nobody else from it; `mode` is that of fopen. NULL, and errno, if it does not open.
+/// Opens a file and keeps nobody else from it; `mode` is that of fopen. NULL, and errno, if it does not open. The
+/// stream may go without a lock of its own: one thread at a time uses it.
 FILE* openStream(const char* path, const char* mode);
 
 /// Where the next byte goes, or -1: on an error, and from 2 GiB on.

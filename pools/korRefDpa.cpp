@@ -3,6 +3,8 @@
 // A chunk is zeroed once, when it is carved. From then on it keeps its array's storage from use to use.
 
 #include "korutil/korRefDpa.h"
+
+#include "foundation/unload.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korPool.h"
 
@@ -14,6 +16,7 @@ namespace kor {
 namespace {
 
 korPool* sharedPool; // changes at the library's start and stop only
+bool unloadCloses;
 
 void zeroRefDpa(korEx*, uint8_t, void* chunk)
 {
@@ -24,6 +27,14 @@ void _refDpaPooledDestroy(korEx* ex, uint8_t depth, void* chunk)
 {
     _korDpa_Clear(KOR_AT_D(depth, ex), &static_cast<korRefDpa*>(chunk)->array);
 }
+
+void closePool()
+{
+    KOR_EX_LOCAL(local);
+    _korRefDpa_Close(KOR_AT_D(0, &local));
+}
+
+UnloadStep closesPool = {closePool, nullptr};
 
 } // namespace
 } // namespace kor
@@ -38,6 +49,10 @@ void _korRefDpa_Open(korEx* ex, uint8_t depth)
     if (sharedPool == nullptr) {
         sharedPool = _korPool_Create(KOR_AT(ex, depth), chunksPerBlock, sizeof(korRefDpa), zeroRefDpa,
                                      _refDpaPooledDestroy, minBlocks, refillTarget);
+        if (sharedPool != nullptr && !unloadCloses) {
+            unloadCloses = true;
+            atUnload(closesPool);
+        }
     }
 }
 

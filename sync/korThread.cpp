@@ -5,6 +5,7 @@
 #include "korutil/korThread.h"
 
 #include "foundation/hostile.h"
+#include "foundation/unload.h"
 #include "korutil/korAffinity.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korThreadLocal.h"
@@ -28,6 +29,15 @@ korThreadOnce moduleOnce;
 korThreadHook globalHook = nullptr; // atomic
 uint64_t nextSerial = 1;            // atomic
 char* cachedProgname = nullptr;     // atomic
+
+void freeProgname()
+{
+    KOR_EX_LOCAL(ex);
+    _kor_free(KOR_AT_D(0, &ex), cachedProgname);
+    cachedProgname = nullptr;
+}
+
+UnloadStep freesProgname = {freeProgname, nullptr};
 
 // Keys of the values that a thread has here; 0 before the module has started. Atomic: names are asked for at any time.
 struct {
@@ -193,7 +203,11 @@ const char* cacheProgname(uint8_t depth, korEx* ex, const char* name)
 {
     char* known = nullptr;
     char* copy = ex->code == 0 ? _kor_strdup(KOR_AT(ex, depth), name) : nullptr;
-    if (copy == nullptr || std::atomic_ref(cachedProgname).compare_exchange_strong(known, copy)) {
+    if (copy == nullptr) {
+        return nullptr;
+    }
+    if (std::atomic_ref(cachedProgname).compare_exchange_strong(known, copy)) {
+        atUnload(freesProgname);
         return copy;
     }
     _kor_free(KOR_AT_D(depth, ex), copy);
@@ -201,13 +215,6 @@ const char* cacheProgname(uint8_t depth, korEx* ex, const char* name)
 }
 
 } // namespace
-
-void freeThreadNames()
-{
-    KOR_EX_LOCAL(ex);
-    _kor_free(KOR_AT_D(0, &ex), cachedProgname);
-}
-
 } // namespace kor
 
 using namespace kor;

@@ -32,7 +32,4 @@ void endThreadValues();
 /// Frees the store itself, at the unloading of the library.
 void freeThreadStore();
 
-/// Frees what the threads' module holds, at the unloading of the library.
-void freeThreadNames();
-
 } // namespace kor

@@ -325,7 +325,8 @@ KOR_API void _korLogger_CopySrcLabel(korEx* ex, uint8_t depth, const korLogSourc
 KOR_API void _korLogger_Initialize(korEx* ex, uint8_t depth);
 
 /// Ends all loggers, components and groups that were added, and closes all handlers; no other thread may be logging.
-/// The system does not come up again by itself. Works with an error pending.
+/// The system does not come up again by itself: until _korLogger_Initialize statements are lost, and what needs the
+/// logger of a key raises 5 "The logging system is not initialized.". Works with an error pending.
 KOR_API void _korLogger_Uninitialize(uint8_t depth, korEx* ex);
 
 /// Ends the logger of a key. Statements under way through it come to their end first; later ones of sources that hold

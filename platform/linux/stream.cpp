@@ -3,13 +3,18 @@
 #include "platform/stream.h"
 
 #include <limits>
+#include <stdio_ext.h>
 #include <unistd.h>
 
 namespace kor::platform {
 
 FILE* openStream(const char* path, const char* mode)
 {
-    return std::fopen(path, mode);
+    FILE* stream = std::fopen(path, mode);
+    if (stream != nullptr) {
+        __fsetlocking(stream, FSETLOCKING_BYCALLER);
+    }
+    return stream;
 }
 
 int32_t streamPosition(FILE* stream)

@@ -133,8 +133,14 @@ TEST_F(KorStatementTest, AVerboseStatementShowsTimeAndThread)
     static bool flagsAreOn = false;
     korHandlerLayout layout = _gLogger.consoleHandler->layout;
     if (!flagsAreOn) {
-        EXPECT_EQ(shapeOf(layOut(layout, 4096, "exec", 110, nullptr, "text")),
-                  "9999-99-99 99:99:99.999 warn exec: label [name] text\n");
+        char before[KOR_LOCAL_TIME_SIZE];
+        char after[KOR_LOCAL_TIME_SIZE];
+        _kor_GetCurrentLocalTimeStr(before, sizeof(before));
+        std::string text = layOut(layout, 4096, "exec", 110, nullptr, "text");
+        _kor_GetCurrentLocalTimeStr(after, sizeof(after));
+        EXPECT_EQ(shapeOf(text), "9999-99-99 99:99:99.999 warn exec: label [name] text\n");
+        EXPECT_LE(before, text.substr(0, 23));
+        EXPECT_LE(text.substr(0, 23), after);
         fail(KOR_AT(ex, 0));
         EXPECT_EQ(layOut(layout, 4096, "ws", 80, ex, "text %d", 1).substr(23),
                   " dbg1   ws: label [name] text 1\n" + exceptionText(ex));

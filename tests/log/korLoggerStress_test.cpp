@@ -5,6 +5,8 @@
 
 #include "loggerTest.h"
 
+#include "log/timeStamp.h"
+
 #include <atomic>
 #include <map>
 #include <sstream>
@@ -190,6 +192,38 @@ TEST_F(KorLoggerStressTest, RollingFilesHoldWholeStatements)
             ASSERT_NE(line.find(filling), std::string::npos) << line;
         }
     }
+}
+
+// The text of the last second is shared by all threads: none may see half of another's.
+TEST_F(KorLoggerStressTest, TimeStampsAreWhole)
+{
+    auto reference = [](const korTime& time) {
+        korDateTime local;
+        char text[64];
+        _kor_GetLocalTime(&time, &local);
+        _kor_snprintf(text, sizeof(text), "%04d-%02d-%02d %02d:%02d:%02d.%03d", local.year, local.month, local.day,
+                      local.hour, local.minute, local.second, local.millisecond);
+        return std::string(text);
+    };
+    const korTime times[] = {{1709251199, 999000000}, {1735689600, 5000000}, {951826332, 120000000}};
+    const std::string expected[] = {reference(times[0]), reference(times[1]), reference(times[2])};
+    std::vector<std::thread> threads;
+    std::atomic<int> wrong = 0;
+    for (int writer = 0; writer < writers; writer++) {
+        threads.emplace_back([&, writer] {
+            for (int round = 0; round < statementsPerWriter; round++) {
+                auto which = static_cast<size_t>(round + writer) / 4 % 3;
+                char buffer[64];
+                kor::logging::Text text = {buffer, sizeof(buffer)};
+                kor::logging::appendTime(text, times[which], false);
+                wrong += buffer != expected[which] ? 1 : 0;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(wrong, 0);
 }
 
 } // namespace

@@ -121,6 +121,7 @@ TEST_F(KorLoggerTest, RegistrationNeedsTheSystem)
     _korLogger_LogExN(1, "name", 127, nullptr, "goes nowhere"); // once ended it does not come up by itself
     _korLogger_SetLogLevels(KOR_AT(ex, 0), "tcp:warn");
     _korLogger_SetLogLevelsForId(KOR_AT(ex, 0), 9, "tcp:warn");
+    EXPECT_RAISED(5, "The logging system is not initialized.");
     EXPECT_EQ(loggerIdOf(9), 0u);
 }
 

@@ -7,6 +7,8 @@
 #include <array>
 #include <atomic>
 #include <barrier>
+#include <condition_variable>
+#include <mutex>
 #include <semaphore>
 #include <set>
 #include <string>
@@ -88,27 +90,28 @@ TEST_F(KorThread, IsJoinedByAnyNumberOfThreads)
 
 TEST_F(KorThread, OutlivesItsObject)
 {
-    constexpr int count = 50;
-    std::array<std::string, count> names;
-    std::counting_semaphore<count> go(0);
-    std::counting_semaphore<count> ended(0);
-    std::atomic<int> next = 0;
+    constexpr size_t count = 50;
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool go = false;
+    std::multiset<std::string> names;
     auto body = [&] {
-        go.acquire();
-        names[static_cast<size_t>(next++)] = currentName();
-        ended.release();
+        std::unique_lock hold(mutex);
+        changed.wait(hold, [&] { return go; });
+        names.insert(currentName());
+        changed.notify_all();
     };
-    for (int i = 0; i < count; i++) {
+    for (size_t i = 0; i < count; i++) {
         std::string name = "tOutlives" + std::to_string(i); // gone before the thread asks for it
         _korThread_Destroy(0, ex, start(body, name.c_str()));
     }
-    go.release(count);
-    for (int i = 0; i < count; i++) {
-        ended.acquire();
+    std::unique_lock hold(mutex);
+    go = true;
+    changed.notify_all();
+    changed.wait(hold, [&] { return names.size() == count; });
+    for (size_t i = 0; i < count; i++) {
+        EXPECT_EQ(names.count("tOutlives" + std::to_string(i)), 1u);
     }
-    std::set<std::string> seen(names.begin(), names.end());
-    EXPECT_EQ(seen.size(), static_cast<size_t>(count));
-    EXPECT_TRUE(seen.contains("tOutlives0") && seen.contains("tOutlives49"));
 }
 
 TEST_F(KorThread, JoinRefusesInsteadOfWaitingForEver)

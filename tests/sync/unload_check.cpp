@@ -3,6 +3,7 @@
 // A program of its own, since one that is linked to the library cannot unload it. Argument: the library's path.
 
 #include "korutil/korLib.h"
+#include "korutil/korPool.h"
 #include "korutil/korThread.h"
 #include "korutil/korThreadLocal.h"
 #include "support/module.h"
@@ -26,7 +27,8 @@ constexpr int shortThreads = 3;
 #define LIBRARY_FUNCTIONS(entry)                                                                                     \
     entry(_korutil_Open) entry(_korutil_Close) entry(_korThreadLocal_Create) entry(_korThreadLocal_Set)              \
         entry(_korThreadLocal_GetRawDebug) entry(_korThread_Current) entry(_korThread_Create) entry(_korThread_Join) \
-            entry(_korThread_Destroy) entry(_korEx_SetException)
+            entry(_korThread_Destroy) entry(_korPool_Create) entry(_korPool_Destroy) entry(_korPool_Get)             \
+                entry(_korPool_Return) entry(_korEx_SetException)
 
 struct Library {
     Module module;
@@ -34,6 +36,7 @@ struct Library {
     LIBRARY_FUNCTIONS(ENTRY)
 #undef ENTRY
     int32_t key;
+    korPool* pool;
 };
 
 Library library;
@@ -63,6 +66,7 @@ void* useLibrary(int round)
     library._korThreadLocal_Set_(&ex, 0, library.key, reinterpret_cast<uint64_t>(value));
     expect(library._korThreadLocal_GetRawDebug_(library.key) == reinterpret_cast<uint64_t>(value), "no value", round);
     expect(library._korThread_Current_(&ex, 0) != 0, "no serial number", round);
+    library._korPool_Return_(0, &ex, library.pool, library._korPool_Get_(&ex, 0, library.pool)); // leaves a cache
     expect(ex.code == 0, "an error", round);
     library._korEx_SetException_(&ex, KOR_ERROR_NOT_FOUND, nullptr, 0, __func__, __LINE__, 0);
     expect(ex.code == KOR_ERROR_NOT_FOUND, "no error", round);
@@ -88,12 +92,14 @@ void load(const char* path, int round)
     KOR_EX_LOCAL(ex);
     library._korutil_Open_(&ex, 0, KORUTIL_LEVEL);
     library.key = library._korThreadLocal_Create_(&ex, 0, freeValue);
+    library.pool = library._korPool_Create_(&ex, 0, 16, 64, nullptr, nullptr, 1, 16);
     expect(ex.code == 0, "cannot open", round);
 }
 
 void unload(const char* path, int round)
 {
     KOR_EX_LOCAL(ex);
+    library._korPool_Destroy_(0, &ex, library.pool);
     library._korutil_Close_(0, &ex);
     expect(unloadModule(library.module) && !isLoaded(path), "cannot unload", round);
 }
