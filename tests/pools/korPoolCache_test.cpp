@@ -6,6 +6,7 @@
 #include "support/failingHeap.h"
 #include "support/korTest.h"
 
+#include <array>
 #include <vector>
 
 using kor::test::KorTest;
@@ -116,16 +117,17 @@ TEST_F(PoolCacheTest, EveryRequestMayFail)
         korPool* pool = createPool(20);
         korPoolCache* cache = pool == nullptr ? nullptr : create(10, pool);
         if (cache != nullptr) {
-            std::vector<void*> chunks;
-            for (void* chunk; chunks.size() < 8 && (chunk = get(cache)) != nullptr;) {
-                chunks.push_back(chunk);
+            std::array<void*, 8> chunks; // a container would ask the failing heap
+            auto end = chunks.begin();
+            while (end != chunks.end() && (*end = get(cache)) != nullptr) {
+                end++;
             }
-            for (void* chunk : chunks) {
+            for (auto chunk = chunks.begin(); chunk != end; chunk++) {
                 int32_t before = cache->chunks.count;
-                giveBack(cache, chunk);
+                giveBack(cache, *chunk);
                 if (cache->chunks.count == before) { // could not grow: the chunk is still ours
                     EXPECT_EQ(ex->code, KOR_ERROR_NO_MEMORY);
-                    _korPool_Return(KOR_AT_D(0, ex), pool, chunk);
+                    _korPool_Return(KOR_AT_D(0, ex), pool, *chunk);
                 }
             }
         }
