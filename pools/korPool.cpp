@@ -18,7 +18,7 @@ namespace {
 
 // What one thread has of one pool. It names the pool by id: the pool may be gone when the thread ends.
 struct korPoolThread {
-    int32_t returnedCount; // chunks in `returned`
+    int32_t returnedCount; // chunks in `returned`: its count, once more
     korDpa returned;       // chunks that this thread gave back
     uint64_t poolId;
     korDpa fresh; // chunks taken from the pool
@@ -29,9 +29,12 @@ static_assert(sizeof(korPoolBlock) == 56 && sizeof(korPoolThread) == 64);
 
 constexpr int32_t returnedLimit = 255; // one more chunk, and half of them go back to the pool
 
-korPoolThread* threadRecord(const korPool* pool)
+// The store's read without its tests of the key and the value: the key is the store's own, and its values are records.
+KOR_INLINE korPoolThread* threadRecord(const korPool* pool)
 {
-    return reinterpret_cast<korPoolThread*>(_korThreadLocal_Get(pool->threadKey));
+    uint64_t* values = korThreadLocal_array();
+    return values == nullptr ? nullptr
+                             : reinterpret_cast<korPoolThread*>(KOR_ATOMIC_LOAD_RELAXED(&values[pool->threadKey]));
 }
 
 uint8_t* chunkAt(const korPool* pool, const korPoolBlock* block, uint32_t index)
@@ -269,15 +272,13 @@ void* popChunk(const korPool* pool, korDpa* chunks)
 
 // A failure is the caller's only if there is nothing to give: one who found both a chunk and an error would lose the
 // chunk.
-void* getFresh(korEx* ex, uint8_t depth, korPool* pool, korPoolThread* thread)
+void* refillAndGet(korEx* ex, uint8_t depth, korPool* pool, korPoolThread* thread)
 {
+    KOR_EX_PRIVATE(local, ex, depth);
+    refreshDpa(KOR_AT(&local, depth), pool, &thread->fresh);
     if (thread->fresh.count == 0) {
-        KOR_EX_PRIVATE(local, ex, depth);
-        refreshDpa(KOR_AT(&local, depth), pool, &thread->fresh);
-        if (thread->fresh.count == 0) {
-            kor::passToChain(&local);
-            return nullptr;
-        }
+        kor::passToChain(&local);
+        return nullptr;
     }
     return popChunk(pool, &thread->fresh);
 }
@@ -304,33 +305,41 @@ __attribute__((noinline)) void* getSlow(korEx* ex, uint8_t depth, korPool* pool,
         _korPool_RegisterThread(KOR_AT(ex, depth), pool);
         thread = threadRecord(pool);
     }
-    return ex->code == 0 && thread != nullptr ? getFresh(KOR_AT(ex, depth), pool, thread) : nullptr;
+    return ex->code == 0 && thread != nullptr ? refillAndGet(KOR_AT(ex, depth), pool, thread) : nullptr;
 }
 
 // ---- Chunks from a thread to the pool -------------------------------------------------------------------------------
 
-// The caller holds `lock`.
-void giveToBlock(korPool* pool, korPoolBlock* block, void* chunk)
+// The caller holds `lock`, and counts what it gives.
+KOR_INLINE void giveToBlock(korPoolBlock* block, void* chunk)
 {
-    block->freeList->items[block->freeList->count++] = valueOf(chunk);
-    pool->freeChunks++;
-    pool->chunksIn++;
+    korDpa* list = block->freeList;
+    list->items[list->count++] = valueOf(chunk);
+}
+
+void countReturned(korPool* pool, int32_t count)
+{
+    pool->freeChunks += count;
+    pool->chunksIn += static_cast<uint64_t>(count);
 }
 
 // The last `count` chunks of a thread's list go to their blocks. A block that had none comes to the front, to be found
 // by the next refill.
 void giveLast(korPool* pool, korDpa* chunks, int32_t count)
 {
+    int32_t rest = chunks->count - count;
     korFastLock_acquire(&pool->lock);
-    while (count-- > 0) {
-        void* chunk = chunkOf(chunks->items[--chunks->count]);
+    for (int32_t index = chunks->count; index-- > rest;) {
+        void* chunk = chunkOf(chunks->items[index]);
         korPoolBlock* block = *backPointer(pool, chunk);
         if (block->freeList->count == 0 && block != pool->head) {
             unlink(pool, block);
             linkFirst(pool, block);
         }
-        giveToBlock(pool, block, chunk);
+        giveToBlock(block, chunk);
     }
+    chunks->count = rest;
+    countReturned(pool, count);
     checkBlocks(pool);
     korFastLock_release(&pool->lock);
 }
@@ -348,7 +357,8 @@ void returnChunks(korPool* pool, korPoolThread* thread, bool all)
 void giveBack(korPool* pool, void* chunk)
 {
     korFastLock_acquire(&pool->lock);
-    giveToBlock(pool, *backPointer(pool, chunk), chunk);
+    giveToBlock(*backPointer(pool, chunk), chunk);
+    countReturned(pool, 1);
     korFastLock_release(&pool->lock);
 }
 
@@ -556,11 +566,17 @@ void* _korPool_Get(korEx* ex, uint8_t depth, korPool* pool)
         return nullptr;
     }
     korPoolThread* thread = threadRecord(pool);
-    if (KOR_UNLIKELY(thread == nullptr || thread->returnedCount == 0)) {
+    if (KOR_UNLIKELY(thread == nullptr)) {
         return getSlow(KOR_AT(ex, depth), pool, thread);
     }
-    thread->returnedCount--;
-    return popChunk(pool, &thread->returned);
+    int32_t count = thread->returnedCount;
+    if (KOR_LIKELY(count > 0)) {
+        thread->returnedCount = thread->returned.count = --count;
+        void* chunk = chunkOf(thread->returned.items[count]);
+        kor::openChunk(pool, chunk);
+        return chunk;
+    }
+    return thread->fresh.count > 0 ? popChunk(pool, &thread->fresh) : getSlow(KOR_AT(ex, depth), pool, thread);
 }
 
 void _korPool_Return(uint8_t depth, korEx* ex, korPool* pool, void* chunk)
@@ -569,14 +585,14 @@ void _korPool_Return(uint8_t depth, korEx* ex, korPool* pool, void* chunk)
         return;
     }
     korPoolThread* thread = threadRecord(pool);
-    if (KOR_UNLIKELY(thread == nullptr || thread->returnedCount >= returnedLimit ||
-                     thread->returned.count == thread->returned.capacity)) {
+    int32_t count = thread != nullptr ? thread->returnedCount : returnedLimit;
+    if (KOR_UNLIKELY(count >= returnedLimit || count == thread->returned.capacity)) {
         returnSlow(KOR_AT_D(depth, ex), pool, thread, chunk);
         return;
     }
     kor::closeChunk(pool, chunk);
-    thread->returned.items[thread->returned.count++] = valueOf(chunk);
-    thread->returnedCount++;
+    thread->returned.items[count] = valueOf(chunk);
+    thread->returnedCount = thread->returned.count = count + 1;
 }
 
 void _korPool_RegisterThread(korEx* ex, uint8_t depth, korPool* pool)
