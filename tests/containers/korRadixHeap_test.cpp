@@ -212,7 +212,7 @@ TEST_F(KorRadixHeap, AFailedGrowthLeavesTheHeapAsItWas)
 {
     uint64_t requests = sweepFailures(ex, [&] {
         korRadixHeap* made = _korRadixHeap_Create(ex, 0, 0);
-        std::vector<korRadixItem> some(4);
+        korRadixItem some[4] = {};
         int64_t key = 1;
         for (korRadixItem& item : some) {
             _korRadixHeap_Insert(ex, 0, made, &item, key);
