@@ -3,11 +3,11 @@
 #include "korutil/korThread.h"
 #include "korutil/korThreadLocal.h"
 #include "support/failingHeap.h"
+#include "support/meeting.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <semaphore>
 #include <thread>
 #include <vector>
 
@@ -122,13 +122,13 @@ TEST_F(KorThreadLocal, KeysRunOutAtTheLastOneAndComeAgain)
 TEST_F(KorThreadLocal, AReusedKeyShowsNothingAndLosesNothing)
 {
     int32_t key = create();
-    std::binary_semaphore set1(0);
-    std::binary_semaphore go(0);
+    Gate isSet;
+    Gate go;
     std::jthread other([&] {
         KOR_EX_LOCAL(own);
         _korThreadLocal_Set(&own, 0, key, 21);
-        set1.release();
-        go.acquire();
+        isSet.open();
+        go.wait();
         EXPECT_EQ(_korThreadLocal_Get(key), 0u); // the key has a new owner
         _korThreadLocal_Set(&own, 0, key, 22);
         EXPECT_EQ(ended, Values{20}); // the old value waits
@@ -136,13 +136,13 @@ TEST_F(KorThreadLocal, AReusedKeyShowsNothingAndLosesNothing)
         EXPECT_EQ(ended, (Values{20, 21}));
         EXPECT_EQ(_korThreadLocal_Get(key), 22u);
     });
-    set1.acquire();
+    isSet.wait();
     set(key, 20);
     destroy(key);
     EXPECT_EQ(ended, Values{20}); // this thread's at once
     EXPECT_EQ(create(), key);
     EXPECT_EQ(_korThreadLocal_Get(key), 0u);
-    go.release();
+    go.open();
     other.join();
     EXPECT_EQ(ended, (Values{20, 21, 22}));
     destroy(key);
@@ -267,7 +267,7 @@ TEST_F(KorThreadLocal, KeysComeAndGoWhileThreadsSetValues)
         count = 0;
     }
     std::atomic<uint64_t> done = 0;
-    std::atomic<bool> settled = false;
+    Gate settled;
     auto work = [&](uint64_t worker) {
         KOR_EX_LOCAL(own);
         uint64_t next = 1 + worker * (sets + sharedKeys);
@@ -282,7 +282,7 @@ TEST_F(KorThreadLocal, KeysComeAndGoWhileThreadsSetValues)
             }
         }
         done++;
-        settled.wait(false);
+        settled.wait();
         for (auto& key : keys) {
             _korThreadLocal_Set(&own, 0, key, next++);
         }
@@ -297,8 +297,7 @@ TEST_F(KorThreadLocal, KeysComeAndGoWhileThreadsSetValues)
         destroy(old);
         keys[i] = create(countEnd);
     }
-    settled = true;
-    settled.notify_all();
+    settled.open();
     threads.clear();
     for (uint64_t worker = 0; worker < workers; worker++) {
         for (uint64_t i = 0; i < sets + sharedKeys; i++) {

@@ -3,13 +3,12 @@
 #include "korutil/korThread.h"
 #include "korutil/korThreadLocal.h"
 #include "support/failingHeap.h"
+#include "support/meeting.h"
 
 #include <array>
 #include <atomic>
-#include <barrier>
 #include <condition_variable>
 #include <mutex>
-#include <semaphore>
 #include <set>
 #include <string>
 #include <thread>
@@ -70,8 +69,8 @@ protected:
 
 TEST_F(KorThread, IsJoinedByAnyNumberOfThreads)
 {
-    std::binary_semaphore go(0);
-    auto body = [&] { go.acquire(); };
+    Gate go;
+    auto body = [&] { go.wait(); };
     korThread* thread = start(body);
     std::vector<std::jthread> joiners;
     std::atomic<uint64_t> sum = 0;
@@ -81,7 +80,7 @@ TEST_F(KorThread, IsJoinedByAnyNumberOfThreads)
             sum += _korThread_Join(&own, 0, thread);
         });
     }
-    go.release();
+    go.open();
     joiners.clear();
     EXPECT_EQ(sum, 4 * 7u);
     EXPECT_EQ(_korThread_Join(ex, 0, thread), 7u);
@@ -116,11 +115,11 @@ TEST_F(KorThread, OutlivesItsObject)
 
 TEST_F(KorThread, JoinRefusesInsteadOfWaitingForEver)
 {
-    std::binary_semaphore go(0);
+    Gate go;
     int32_t code = 0;
     korThread* thread = nullptr;
     auto body = [&] {
-        go.acquire();
+        go.wait();
         KOR_EX_LOCAL(own);
         _korThread_Join(&own, 0, thread);
         code = own.code;
@@ -129,7 +128,7 @@ TEST_F(KorThread, JoinRefusesInsteadOfWaitingForEver)
     KOR_RAISE(ex, 0, KOR_ERROR_TIMEOUT, NULL);
     EXPECT_EQ(_korThread_Join(ex, 0, thread), 0u); // the thread has not even begun
     EXPECT_RAISED(KOR_ERROR_TIMEOUT, nullptr);
-    go.release();
+    go.open();
     _korThread_Join(ex, 0, thread);
     EXPECT_EQ(code, KOR_ERROR_INVALID_ARGUMENT);
     _korThread_Destroy(0, ex, thread);
@@ -140,12 +139,12 @@ TEST_F(KorThread, JoinRefusesInsteadOfWaitingForEver)
 TEST_F(KorThread, KnowsItsNameTypeAndNumbers)
 {
     korThread* thread = nullptr;
-    std::atomic<bool> ready = false;
+    Gate ready;
     auto body = [&] {
         KOR_EX_LOCAL(own);
         EXPECT_EQ(currentName(), "tKnows");
         EXPECT_EQ(_korThread_Type(), 17);
-        ready.wait(false);
+        ready.wait();
         EXPECT_TRUE(_korThread_IsCurrentThread(thread));
         EXPECT_EQ(thread->threadId, _korThread_CurrentSystemThreadID());
         _korThread_SetCurrentName(&own, 0, "tRenamed");
@@ -155,8 +154,7 @@ TEST_F(KorThread, KnowsItsNameTypeAndNumbers)
     };
     thread = start(body, "tKnows", 17);
     EXPECT_FALSE(_korThread_IsCurrentThread(thread));
-    ready = true;
-    ready.notify_one();
+    ready.open();
     _korThread_Join(ex, 0, thread);
     _korThread_Destroy(0, ex, thread);
     run([&] { EXPECT_EQ(_korThread_Type(), -2); }, "tNegative", -2);
@@ -202,7 +200,6 @@ TEST_F(KorThread, IsStillNamedWhenItsDestructorsRun)
         KOR_RAISE(&own, 0, KOR_ERROR_NOT_FOUND, NULL);
         nameInDestructor = own.threadName;
     });
-    std::binary_semaphore go(0);
     auto body = [&] {
         KOR_EX_LOCAL(own);
         _korThreadLocal_Set(&own, 0, key, 1);
@@ -283,18 +280,19 @@ TEST_F(KorThread, OnceRunsOnceAndNobodyReturnsBefore)
     constexpr int rounds = 300;
     std::array<korThreadOnce, rounds> controls = {};
     std::atomic<int> early = 0;
-    std::barrier line(threads, []() noexcept { onceEnded = false; });
+    Barrier line(threads);
     auto body = [&] {
         KOR_EX_LOCAL(own);
         for (korThreadOnce& once : controls) {
-            line.arrive_and_wait();
+            line.arriveAndWait();
             _korThread_Once(&own, 0, &once, [] {
                 onceRuns++;
                 std::this_thread::yield();
                 onceEnded = true;
             });
             early += !onceEnded;
-            line.arrive_and_wait();
+            line.arriveAndWait();
+            onceEnded = false;
         }
     };
     {

@@ -6,10 +6,10 @@
 #include "korutil/korPool.h"
 #include "korutil/korThread.h"
 #include "korutil/korThreadLocal.h"
+#include "support/meeting.h"
 #include "support/module.h"
 
 #include <atomic>
-#include <barrier>
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
@@ -118,18 +118,18 @@ void shortLives(int round)
 }
 
 // A thread that lives on with its value when the library goes: the value stays its own.
-void lastingLife(std::barrier<>& loaded, std::barrier<>& used, std::barrier<>& unloaded, int lastRound)
+void lastingLife(Barrier& loaded, Barrier& used, Barrier& unloaded, int lastRound)
 {
     for (int round = 0; round <= lastRound; round++) {
-        loaded.arrive_and_wait();
+        loaded.arriveAndWait();
         void* value = useLibrary(round);
-        used.arrive_and_wait();
-        unloaded.arrive_and_wait();
+        used.arriveAndWait();
+        unloaded.arriveAndWait();
         std::free(value);
     }
-    loaded.arrive_and_drop();
-    used.arrive_and_drop();
-    unloaded.arrive_and_drop();
+    loaded.arriveAndDrop();
+    used.arriveAndDrop();
+    unloaded.arriveAndDrop();
 }
 
 } // namespace
@@ -137,9 +137,9 @@ void lastingLife(std::barrier<>& loaded, std::barrier<>& used, std::barrier<>& u
 int main(int argc, char** argv)
 {
     const char* path = argc > 1 ? argv[1] : "korutil.dll";
-    std::barrier<> loaded(lastingThreads + 1);
-    std::barrier<> used(lastingThreads + 1);
-    std::barrier<> unloaded(lastingThreads + 1);
+    Barrier loaded(lastingThreads + 1);
+    Barrier used(lastingThreads + 1);
+    Barrier unloaded(lastingThreads + 1);
     std::vector<std::jthread> lasting;
     for (int i = 0; i < lastingThreads; i++) {
         lasting.emplace_back(lastingLife, std::ref(loaded), std::ref(used), std::ref(unloaded),
@@ -148,14 +148,14 @@ int main(int argc, char** argv)
     for (int round = 0; round < rounds; round++) {
         destructors = 0;
         load(path, round);
-        loaded.arrive_and_wait();
+        loaded.arriveAndWait();
         useLibrary(round);
         shortLives(round);
-        used.arrive_and_wait();
+        used.arriveAndWait();
         expect(destructors == shortThreads + 1, "the ends of threads", round);
         unload(path, round);
         expect(destructors == shortThreads + 2, "the unloading thread's own value, and no other", round);
-        unloaded.arrive_and_wait();
+        unloaded.arriveAndWait();
     }
     return failures == 0 ? 0 : 1;
 }
