@@ -6,11 +6,11 @@
 #include "korutil/korThreadLocal.h"
 #include "support/failingHeap.h"
 #include "support/korTest.h"
+#include "support/meeting.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <barrier>
 #include <cstring>
 #include <set>
 #include <thread>
@@ -297,7 +297,7 @@ TEST_F(PoolTest, AThreadMayOutliveThePool)
 {
     korPool* pool = create(50, 8, 1, 20);
     korPool* next = nullptr;
-    std::barrier<> step(2);
+    kor::test::Barrier step(2);
     std::thread late([&] {
         korEx* own = korEx_Create();
         _korPool_Return(KOR_AT_D(0, own), pool, _korPool_Get(KOR_AT(own, 0), pool));
@@ -484,7 +484,7 @@ TEST_F(PoolTest, APoolEndsWhileThreadsEnd)
 {
     for (int round = 0; round < 50; round++) {
         korPool* pool = createCounted(16, 1, 4);
-        std::barrier<> together(4);
+        kor::test::Barrier together(4);
         std::vector<std::thread> threads;
         for (int i = 0; i < 3; i++) {
             threads.emplace_back([&] {

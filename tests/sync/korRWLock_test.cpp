@@ -3,9 +3,9 @@
 #include "korutil/korRWLock.h"
 #include "support/failingHeap.h"
 #include "support/korTest.h"
+#include "support/meeting.h"
 
 #include <atomic>
-#include <barrier>
 #include <thread>
 #include <vector>
 
@@ -74,7 +74,7 @@ TEST_F(korRWLockTest, WritersAreAloneAndReadersSeeWholeChanges)
 TEST_F(korRWLockTest, ReadersAreInsideTogether)
 {
     constexpr int readers = 8;
-    std::barrier inside(readers);
+    kor::test::Barrier inside(readers);
     Threads threads;
     for (int i = 0; i < readers; i++) {
         threads.emplace_back([&] {

@@ -3,11 +3,11 @@
 #include "korutil/korThread.h"
 #include "korutil/korThreadLocal.h"
 #include "support/failingHeap.h"
+#include "support/meeting.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <semaphore>
 #include <thread>
 #include <vector>
 
@@ -122,8 +122,8 @@ TEST_F(KorThreadLocal, KeysRunOutAtTheLastOneAndComeAgain)
 TEST_F(KorThreadLocal, AReusedKeyShowsNothingAndLosesNothing)
 {
     int32_t key = create();
-    std::binary_semaphore set1(0);
-    std::binary_semaphore go(0);
+    kor::test::Semaphore set1;
+    kor::test::Semaphore go;
     std::jthread other([&] {
         KOR_EX_LOCAL(own);
         _korThreadLocal_Set(&own, 0, key, 21);
@@ -282,7 +282,9 @@ TEST_F(KorThreadLocal, KeysComeAndGoWhileThreadsSetValues)
             }
         }
         done++;
-        settled.wait(false);
+        while (!settled) {
+            std::this_thread::yield();
+        }
         for (auto& key : keys) {
             _korThreadLocal_Set(&own, 0, key, next++);
         }
@@ -298,7 +300,6 @@ TEST_F(KorThreadLocal, KeysComeAndGoWhileThreadsSetValues)
         keys[i] = create(countEnd);
     }
     settled = true;
-    settled.notify_all();
     threads.clear();
     for (uint64_t worker = 0; worker < workers; worker++) {
         for (uint64_t i = 0; i < sets + sharedKeys; i++) {

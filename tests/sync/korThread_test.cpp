@@ -3,13 +3,12 @@
 #include "korutil/korThread.h"
 #include "korutil/korThreadLocal.h"
 #include "support/failingHeap.h"
+#include "support/meeting.h"
 
 #include <array>
 #include <atomic>
-#include <barrier>
 #include <condition_variable>
 #include <mutex>
-#include <semaphore>
 #include <set>
 #include <string>
 #include <thread>
@@ -70,7 +69,7 @@ protected:
 
 TEST_F(KorThread, IsJoinedByAnyNumberOfThreads)
 {
-    std::binary_semaphore go(0);
+    kor::test::Semaphore go;
     auto body = [&] { go.acquire(); };
     korThread* thread = start(body);
     std::vector<std::jthread> joiners;
@@ -116,7 +115,7 @@ TEST_F(KorThread, OutlivesItsObject)
 
 TEST_F(KorThread, JoinRefusesInsteadOfWaitingForEver)
 {
-    std::binary_semaphore go(0);
+    kor::test::Semaphore go;
     int32_t code = 0;
     korThread* thread = nullptr;
     auto body = [&] {
@@ -140,12 +139,12 @@ TEST_F(KorThread, JoinRefusesInsteadOfWaitingForEver)
 TEST_F(KorThread, KnowsItsNameTypeAndNumbers)
 {
     korThread* thread = nullptr;
-    std::atomic<bool> ready = false;
+    kor::test::Semaphore ready;
     auto body = [&] {
         KOR_EX_LOCAL(own);
         EXPECT_EQ(currentName(), "tKnows");
         EXPECT_EQ(_korThread_Type(), 17);
-        ready.wait(false);
+        ready.acquire();
         EXPECT_TRUE(_korThread_IsCurrentThread(thread));
         EXPECT_EQ(thread->threadId, _korThread_CurrentSystemThreadID());
         _korThread_SetCurrentName(&own, 0, "tRenamed");
@@ -155,8 +154,7 @@ TEST_F(KorThread, KnowsItsNameTypeAndNumbers)
     };
     thread = start(body, "tKnows", 17);
     EXPECT_FALSE(_korThread_IsCurrentThread(thread));
-    ready = true;
-    ready.notify_one();
+    ready.release();
     _korThread_Join(ex, 0, thread);
     _korThread_Destroy(0, ex, thread);
     run([&] { EXPECT_EQ(_korThread_Type(), -2); }, "tNegative", -2);
@@ -202,7 +200,7 @@ TEST_F(KorThread, IsStillNamedWhenItsDestructorsRun)
         KOR_RAISE(&own, 0, KOR_ERROR_NOT_FOUND, NULL);
         nameInDestructor = own.threadName;
     });
-    std::binary_semaphore go(0);
+    kor::test::Semaphore go;
     auto body = [&] {
         KOR_EX_LOCAL(own);
         _korThreadLocal_Set(&own, 0, key, 1);
@@ -283,11 +281,11 @@ TEST_F(KorThread, OnceRunsOnceAndNobodyReturnsBefore)
     constexpr int rounds = 300;
     std::array<korThreadOnce, rounds> controls = {};
     std::atomic<int> early = 0;
-    std::barrier line(threads, []() noexcept { onceEnded = false; });
+    kor::test::Barrier line(threads);
     auto body = [&] {
         KOR_EX_LOCAL(own);
         for (korThreadOnce& once : controls) {
-            line.arrive_and_wait();
+            line.arrive_and_wait([] { onceEnded = false; });
             _korThread_Once(&own, 0, &once, [] {
                 onceRuns++;
                 std::this_thread::yield();

@@ -6,10 +6,10 @@
 #include "korutil/korPool.h"
 #include "korutil/korThread.h"
 #include "korutil/korThreadLocal.h"
+#include "support/meeting.h"
 #include "support/module.h"
 
 #include <atomic>
-#include <barrier>
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
@@ -118,7 +118,7 @@ void shortLives(int round)
 }
 
 // A thread that lives on with its value when the library goes: the value stays its own.
-void lastingLife(std::barrier<>& loaded, std::barrier<>& used, std::barrier<>& unloaded, int lastRound)
+void lastingLife(kor::test::Barrier& loaded, kor::test::Barrier& used, kor::test::Barrier& unloaded, int lastRound)
 {
     for (int round = 0; round <= lastRound; round++) {
         loaded.arrive_and_wait();
@@ -137,9 +137,9 @@ void lastingLife(std::barrier<>& loaded, std::barrier<>& used, std::barrier<>& u
 int main(int argc, char** argv)
 {
     const char* path = argc > 1 ? argv[1] : "korutil.dll";
-    std::barrier<> loaded(lastingThreads + 1);
-    std::barrier<> used(lastingThreads + 1);
-    std::barrier<> unloaded(lastingThreads + 1);
+    kor::test::Barrier loaded(lastingThreads + 1);
+    kor::test::Barrier used(lastingThreads + 1);
+    kor::test::Barrier unloaded(lastingThreads + 1);
     std::vector<std::jthread> lasting;
     for (int i = 0; i < lastingThreads; i++) {
         lasting.emplace_back(lastingLife, std::ref(loaded), std::ref(used), std::ref(unloaded),
