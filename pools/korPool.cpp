@@ -211,7 +211,9 @@ void removeBlockFromPool(uint8_t depth, korEx* ex, korPool* pool, korPoolBlock* 
     unlink(pool, block);
     kor::openMemory(block->memory, block->bytes);
     for (uint32_t index = 0; pool->destroyChunk != nullptr && index < block->carved; index++) {
-        pool->destroyChunk(KOR_AT(ex, depth), chunkAt(pool, block, index));
+        KOR_EX_CHAINED(local, ex,
+                       depth); // an error that pends, or another chunk's failure, keeps no chunk from its end
+        pool->destroyChunk(KOR_AT(&local, depth), chunkAt(pool, block, index));
     }
     destroyBlock(KOR_AT_D(depth, ex), block);
 }
@@ -242,7 +244,10 @@ korPoolBlock* collectChunks(korEx* ex, uint8_t depth, korPool* pool, korDpa* fre
         }
         KOR_EX_CHAINED(local, ex, depth); // chunks that stand ready go out even if others could not be made
         takeFreeList(KOR_AT(&local, depth), pool, block, fresh);
-        if (local.code != 0 || static_cast<uint32_t>(fresh->count) >= pool->refillTarget) {
+        if (local.code != 0) {
+            return nullptr; // the block still has its chunks: it stays where it is
+        }
+        if (static_cast<uint32_t>(fresh->count) >= pool->refillTarget) {
             return block;
         }
     }

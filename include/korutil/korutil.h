@@ -32,6 +32,7 @@
 #include "korutil/korPoolCache.h"
 #include "korutil/korProcess.h"
 #include "korutil/korRWLock.h"
+#include "korutil/korRadixHeap.h"
 #include "korutil/korRefDpa.h"
 #include "korutil/korSemaphore.h"
 #include "korutil/korShmRegion.h"

@@ -1,0 +1,296 @@
+// korRadixHeap_test.cpp - the radix heap: where keys lie, what becomes due and in which order, refusals, and a model
+// check against a multimap.
+
+#include "korutil/korRadixHeap.h"
+#include "support/failingHeap.h"
+
+#include <deque>
+#include <map>
+#include <queue>
+#include <vector>
+
+using kor::test::KorTest;
+using kor::test::Random;
+using kor::test::StreamCapture;
+using kor::test::sweepFailures;
+
+namespace {
+
+using Keys = std::vector<int64_t>;
+
+class KorRadixHeap : public KorTest
+{
+protected:
+    KorRadixHeap() { _korRadixHeap_Init(ex, 0, &heap, 0); }
+    ~KorRadixHeap() override { _korRadixHeap_Clear(0, ex, &heap); }
+
+    void restart(int64_t key)
+    {
+        _korRadixHeap_Clear(0, ex, &heap);
+        _korRadixHeap_Init(ex, 0, &heap, key);
+    }
+
+    korRadixItem* insert(int64_t key)
+    {
+        korRadixItem* item = &items.emplace_back();
+        _korRadixHeap_Insert(ex, 0, &heap, item, key);
+        return item;
+    }
+
+    Keys keysIn(int bucket) const
+    {
+        Keys keys;
+        for (const korRadixItem* item = heap.buckets[bucket].head; item != nullptr; item = item->next) {
+            keys.push_back(item->key);
+        }
+        return keys;
+    }
+
+    Keys extractDue()
+    {
+        Keys keys;
+        while (heap.buckets[0].head != nullptr) {
+            keys.push_back(_korRadixHeap_ExtractMin(ex, 0, &heap)->key);
+        }
+        return keys;
+    }
+
+    // Out of the middle of a bucket, as an owner does who cancels. The bucket's minKey may then be stale.
+    void cancel(korRadixItem* item)
+    {
+        korRadixBucket* bucket = &heap.buckets[item->bucket];
+        if (bucket->head == item) {
+            bucket->head = item->next;
+        } else {
+            item->prev->next = item->next;
+        }
+        if (item->next != nullptr) {
+            item->next->prev = item->prev;
+        } else if (bucket->head != nullptr) {
+            bucket->head->prev = item->prev;
+        }
+    }
+
+    korRadixHeap heap;
+    std::deque<korRadixItem> items;
+};
+
+TEST_F(KorRadixHeap, KeysLieByTheHighestBitOfDifference)
+{
+    struct Case {
+        int64_t reference;
+        int64_t key;
+        int bucket;
+    };
+    const Case cases[] = {{7, 7, 0},   {7, 8, 4},           {0, 1, 1},   {0, 2, 2},
+                          {0, 3, 2},   {0, 4, 3},           {-1, 0, 64}, {0, INT64_MAX, 63},
+                          {-8, -1, 3}, {INT64_MIN, -1, 63}, {-5, 5, 64}, {INT64_MAX, INT64_MAX, 0}};
+    for (const Case& c : cases) {
+        restart(c.reference);
+        EXPECT_EQ(heap.bucketCount, 1);
+        korRadixItem* item = insert(c.key);
+        EXPECT_EQ(item->bucket, c.bucket) << c.reference << " " << c.key;
+        EXPECT_EQ(heap.bucketCount, c.bucket + 1);
+        EXPECT_EQ(keysIn(c.bucket), (Keys{c.key}));
+        EXPECT_EQ(_korRadixHeap_ExtractMin(ex, 0, &heap), item);
+        EXPECT_EQ(heap.buckets[0].minKey, c.key) << "the reference key goes to what was taken";
+        EXPECT_EQ(_korRadixHeap_ExtractMin(ex, 0, &heap), nullptr);
+    }
+}
+
+TEST_F(KorRadixHeap, WhatIsUpToTheNewKeyIsDue)
+{
+    for (int64_t key : {9, 3, 12, 5, 100, 0, 12}) {
+        insert(key);
+    }
+    _korRadixHeap_DecreaseKey(ex, 0, &heap, 12);
+    EXPECT_EQ(heap.buckets[0].minKey, 12);
+    Keys due = extractDue();
+    EXPECT_EQ(due.front(), 0) << "what was due already stays in front";
+    EXPECT_EQ(due.size(), 6u);
+    EXPECT_EQ(korRadixHeap_nextKey(&heap), 100);
+    EXPECT_EQ(heap.buckets[heap.lastScan].head->key, 100);
+    insert(14);
+    EXPECT_EQ(korRadixHeap_nextKey(&heap), 14) << "an insertion takes the search back";
+    _korRadixHeap_DecreaseKey(ex, 0, &heap, 12);
+    EXPECT_EQ(heap.buckets[0].head, nullptr);
+    EXPECT_EQ(_korRadixHeap_ExtractMin(ex, 0, &heap)->key, 14);
+    EXPECT_EQ(heap.buckets[0].minKey, 14);
+    EXPECT_EQ(_korRadixHeap_ExtractMin(ex, 0, &heap)->key, 100);
+    EXPECT_FALSE(_korRadixHeap_Redistribute(&heap));
+    EXPECT_EQ(heap.lastScan, heap.bucketCount);
+    EXPECT_EQ(korRadixHeap_nextKey(&heap), INT64_MAX);
+}
+
+TEST_F(KorRadixHeap, EqualKeysKeepTheirOrder)
+{
+    std::vector<korRadixItem*> given;
+    for (int64_t key : {40, 7, 40, 7, 40}) {
+        given.push_back(insert(key));
+    }
+    for (int i : {1, 3, 0, 2, 4}) {
+        EXPECT_EQ(_korRadixHeap_ExtractMin(ex, 0, &heap), given[static_cast<size_t>(i)]);
+    }
+}
+
+TEST_F(KorRadixHeap, KeysBelowTheReferenceAreRefused)
+{
+    restart(100);
+    korRadixItem* kept = insert(130);
+    korRadixItem refused = {1, nullptr, nullptr, 77};
+    _korRadixHeap_Insert(ex, 0, &heap, &refused, 99);
+    EXPECT_RAISED(KOR_ERROR_ILLEGAL_STATE, "violated radix heap invariant. (min:100 key:99)");
+    EXPECT_EQ(refused.bucket, 77);
+    EXPECT_EQ(refused.key, 1);
+    _korRadixHeap_DecreaseKey(ex, 0, &heap, 99);
+    EXPECT_RAISED(KOR_ERROR_ILLEGAL_STATE, "violated radix heap invariant");
+    EXPECT_EQ(heap.buckets[0].minKey, 100);
+    _korRadixHeap_Reset(ex, 0, &heap, 5);
+    EXPECT_RAISED(KOR_ERROR_ILLEGAL_STATE, "Cannot reset a non-empty heap");
+    EXPECT_EQ(_korRadixHeap_ExtractMin(ex, 0, &heap), kept);
+    _korRadixHeap_Reset(ex, 0, &heap, 5);
+    EXPECT_EQ(insert(6)->bucket, 2);
+}
+
+TEST_F(KorRadixHeap, AnyKeyIsLinkedBeforeAHigherOne)
+{
+    restart(50);
+    korRadixItem first = {20, nullptr, nullptr, 0};
+    korRadixItem second = {10, nullptr, nullptr, 0};
+    korRadixItem above = {30, nullptr, nullptr, 0};
+    _korRadixHeap_InsertAnyKey(ex, 0, &heap, &first, 20);
+    EXPECT_EQ(heap.buckets[0].head, &first);
+    EXPECT_EQ(first.prev, &first);
+    _korRadixHeap_InsertAnyKey(ex, 0, &heap, &second, 10);
+    _korRadixHeap_InsertAnyKey(ex, 0, &heap, &above, 30);
+    EXPECT_EQ(keysIn(0), (Keys{10, 20})) << "a key above all due ones is not linked";
+    EXPECT_EQ(heap.buckets[0].head->prev, &first);
+    korRadixItem third = {5, nullptr, nullptr, 0};
+    _korRadixHeap_InsertAnyKey(ex, 0, &heap, &third, 5);
+    EXPECT_EQ(keysIn(0), (Keys{5, 20})) << "linked before each higher key in turn: the one passed drops out";
+    korRadixItem later = {};
+    _korRadixHeap_InsertAnyKey(ex, 0, &heap, &later, 51);
+    EXPECT_EQ(later.bucket, 1);
+    EXPECT_EQ(later.key, 51);
+    _korRadixHeap_Assert(&heap);
+}
+
+TEST_F(KorRadixHeap, PrintNamesEveryBucket)
+{
+    insert(0);
+    insert(2);
+    insert(3);
+    StreamCapture capture(StreamCapture::error);
+    _korRadixHeap_Print(&heap);
+    std::string text = capture.text();
+    EXPECT_EQ(text.find("radixHeap "), 0u);
+    EXPECT_EQ(text.substr(text.find(" with ")), " with 3 buckets lastScan(0)\nbucket  0 min 0 [(0)]\n"
+                                                "bucket  1 min 9223372036854775807 []\nbucket  2 min 2 [(2)(3)]\n");
+}
+
+TEST_F(KorRadixHeap, WithAnErrorPendingOnlyCleaningWorks)
+{
+    insert(9);
+    korRadixItem item = {};
+    KOR_RAISE(ex, 0, KOR_ERROR_TIMEOUT, "before");
+    _korRadixHeap_Insert(ex, 0, &heap, &item, 1);
+    _korRadixHeap_InsertAnyKey(ex, 0, &heap, &item, -1);
+    _korRadixHeap_DecreaseKey(ex, 0, &heap, 20);
+    _korRadixHeap_Reset(ex, 0, &heap, 20);
+    EXPECT_EQ(_korRadixHeap_ExtractMin(ex, 0, &heap), nullptr);
+    EXPECT_EQ(_korRadixHeap_Create(ex, 0, 1), nullptr);
+    EXPECT_EQ(heap.buckets[0].minKey, 0);
+    EXPECT_EQ(keysIn(4), (Keys{9}));
+    _korRadixHeap_Clear(0, ex, &heap);
+    EXPECT_EQ(heap.buckets, nullptr);
+    _korRadixHeap_Clear(0, ex, &heap);
+    _korRadixHeap_Destroy(0, ex, nullptr);
+    EXPECT_RAISED(KOR_ERROR_TIMEOUT, "before");
+}
+
+TEST_F(KorRadixHeap, AFailedGrowthLeavesTheHeapAsItWas)
+{
+    uint64_t requests = sweepFailures(ex, [&] {
+        korRadixHeap* made = _korRadixHeap_Create(ex, 0, 0);
+        korRadixItem some[4] = {};
+        int64_t key = 1;
+        for (korRadixItem& item : some) {
+            _korRadixHeap_Insert(ex, 0, made, &item, key);
+            key *= ex->code == 0 ? 1000 : 1;
+        }
+        if (made != nullptr) {
+            int64_t before = 1;
+            KOR_EX_LOCAL(other);
+            while (korRadixItem* item = _korRadixHeap_ExtractMin(&other, 0, made)) {
+                EXPECT_EQ(item->key, before);
+                before *= 1000;
+            }
+            EXPECT_EQ(before, key);
+        }
+        _korRadixHeap_Destroy(0, ex, made);
+    });
+    EXPECT_EQ(requests, 6u) << "the object, its first bucket, and a growth for each key";
+}
+
+// Pops in the order of a priority queue, whatever came in between.
+TEST_F(KorRadixHeap, PopsLikeAPriorityQueue)
+{
+    Random random;
+    std::priority_queue<int64_t, Keys, std::greater<>> model;
+    int64_t reference = -5000;
+    restart(reference);
+    for (int step = 0; step < 50000; step++) {
+        if (model.empty() || random.chance(52)) {
+            int64_t key = reference + static_cast<int64_t>(random.next() >> (20 + random.below(44)));
+            insert(key);
+            model.push(key);
+        } else {
+            reference = _korRadixHeap_ExtractMin(ex, 0, &heap)->key;
+            ASSERT_EQ(reference, model.top());
+            model.pop();
+        }
+    }
+}
+
+// The life of a timer: tasks come and are cancelled, time moves on, what is due leaves.
+TEST_F(KorRadixHeap, MatchesAMultimapUnderCancellation)
+{
+    Random random;
+    std::multimap<int64_t, korRadixItem*> model;
+    int64_t now = 1000;
+    restart(now);
+    for (int step = 0; step < 20000; step++) {
+        int64_t delay = static_cast<int64_t>(random.below(uint64_t{1} << random.below(20)));
+        if (random.chance(50)) {
+            model.emplace(now + delay, insert(now + delay));
+        } else if (!model.empty() && random.chance(60)) {
+            auto victim = model.lower_bound(now + delay);
+            victim = victim == model.end() ? model.begin() : victim;
+            cancel(victim->second);
+            model.erase(victim);
+        } else {
+            now += delay / 8;
+            _korRadixHeap_DecreaseKey(ex, 0, &heap, now);
+            std::multimap<int64_t, korRadixItem*> due(model.begin(), model.upper_bound(now));
+            model.erase(model.begin(), model.upper_bound(now));
+            Keys extracted = extractDue();
+            EXPECT_EQ(extracted.size(), due.size());
+            for (int64_t key : extracted) {
+                auto found = due.find(key);
+                ASSERT_TRUE(found != due.end()) << key << " is not due at " << now;
+                due.erase(found);
+            }
+            ASSERT_EQ(korRadixHeap_nextKey(&heap) == INT64_MAX, model.empty());
+            ASSERT_TRUE(model.empty() || korRadixHeap_nextKey(&heap) <= model.begin()->first);
+        }
+    }
+    extractDue();
+    while (korRadixItem* item = _korRadixHeap_ExtractMin(ex, 0, &heap)) {
+        auto lowest = model.find(item->key);
+        ASSERT_TRUE(lowest != model.end());
+        model.erase(lowest);
+        ASSERT_TRUE(heap.buckets[0].head != nullptr || model.empty() || item->key <= model.begin()->first);
+    }
+}
+
+} // namespace
