@@ -6,6 +6,8 @@
 #include "korutil/korCondition.h"
 #include "korutil/korFastCondition.h"
 
+#include "secondThread.h"
+
 #include <benchmark/benchmark.h>
 
 #include <condition_variable>
@@ -18,19 +20,6 @@
 #endif
 
 namespace {
-
-/// A thread that only sleeps.
-class SecondThread
-{
-public:
-    SecondThread() : hold_(mutex_), thread_([this] { std::lock_guard sleep(mutex_); }) {}
-    ~SecondThread() { hold_.unlock(); }
-
-private:
-    std::mutex mutex_;
-    std::unique_lock<std::mutex> hold_;
-    std::jthread thread_;
-};
 
 const SecondThread secondThread;
 

@@ -3,6 +3,8 @@
 
 #include "korutil/korRWLock.h"
 
+#include "secondThread.h"
+
 #include <benchmark/benchmark.h>
 
 #include <condition_variable>
@@ -11,23 +13,6 @@
 #include <thread>
 
 namespace {
-
-// The C library and its peers save atomic steps while a process has one thread: a second one sleeps here meanwhile.
-class SecondThread
-{
-public:
-    SecondThread()
-        : thread_([this](std::stop_token stop) {
-              std::unique_lock hold(mutex_);
-              ended_.wait(hold, stop, [] { return false; });
-          })
-    {}
-
-private:
-    std::mutex mutex_;
-    std::condition_variable_any ended_;
-    std::jthread thread_;
-};
 
 const SecondThread secondThread;
 

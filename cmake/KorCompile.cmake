@@ -9,7 +9,9 @@ if(KOR_SANITIZE)
     add_link_options(-fsanitize=${KOR_SANITIZE})
     # GCC 12 sees uninitialised members in the standard library's regular expressions once sanitizers rearrange the code;
     # the warning can come back with a compiler that does not.
-    list(APPEND KOR_WARNINGS -Wno-maybe-uninitialized)
+    if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+        list(APPEND KOR_WARNINGS -Wno-maybe-uninitialized)
+    endif()
 endif()
 
 # The library's code: no exceptions, no run-time types, no guards around local statics, hence no C++ runtime.

@@ -120,12 +120,16 @@ void copyToChain(korEx* ex)
     }
 }
 
-// The name of the raising thread, cut to fit. Finding it may fail, in an object that nobody reads.
+// The name of the raising thread, cut to fit. A thread without one gets the program's, which takes memory when it is
+// asked for first: not so with an error pending, so that a raise for want of memory ends here and does not raise
+// another one.
 void recordThreadName(korEx* ex)
 {
     KOR_EX_LOCAL(local);
     const char* name = nullptr;
-    _korThread_GetCurrentName(1, korEx_at(&local, 0, "_korEx_CopyToChain", __LINE__), &name);
+    korEx_at(&local, 0, "_korEx_CopyToChain", __LINE__);
+    local.code = ex->code == KOR_ERROR_NO_MEMORY ? ex->code : 0;
+    _korThread_GetCurrentName(1, &local, &name);
     _kor_StringCopy(ex->threadName, sizeof ex->threadName, name != nullptr ? name : "", 0);
 }
 

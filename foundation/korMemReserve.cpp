@@ -6,6 +6,7 @@
 #include "korutil/korMemReserve.h"
 
 #include "foundation/memCount.h"
+#include "foundation/unload.h"
 #include "korutil/korFastLock.h"
 #include "korutil/korThread.h"
 
@@ -36,6 +37,16 @@ public:
     ReserveGuard& operator=(const ReserveGuard&) = delete;
 };
 
+uint64_t freeBlocks();
+
+// Nobody is told: what would be told may be gone.
+void freeAtUnload()
+{
+    freeBlocks();
+}
+
+UnloadStep freesReserve = {freeAtUnload, nullptr};
+
 void init_ReserveLock()
 {
     KOR_EX_LOCAL(local);
@@ -44,6 +55,7 @@ void init_ReserveLock()
         korEx_Print(&local);
     } else {
         reserveReady = true;
+        atUnload(freesReserve);
     }
 }
 

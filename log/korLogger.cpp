@@ -8,6 +8,7 @@
 #include "log/logger.h"
 
 #include "foundation/hostile.h"
+#include "foundation/unload.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korObjectMap.h"
 #include "korutil/korThread.h"
@@ -60,9 +61,20 @@ void __destroyStatementBuffer(uint64_t value)
 korThreadOnce gOnce = {};
 uint8_t gOnceHasRun = 0; // atomic: spares the statement path the once-control
 
+void uninitializeAtUnload()
+{
+    KOR_EX_LOCAL(local);
+    _korLogger_Uninitialize(KOR_AT_D(0, &local));
+}
+
+UnloadStep endsLogging = {uninitializeAtUnload, nullptr};
+
+// The object map goes at the unloading, too, and must still be there when the loggers of keys leave it.
 void _korLogger_AutoInitialize()
 {
     KOR_EX_LOCAL(local);
+    _korObjectMap_Open(KOR_AT(&local, 0));
+    atUnload(endsLogging);
     _korLogger_Initialize(KOR_AT(&local, 0));
     KOR_ATOMIC_STORE_RELEASE(&gOnceHasRun, uint8_t{1});
 }

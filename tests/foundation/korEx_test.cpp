@@ -1,9 +1,11 @@
 // korEx_test.cpp - raising, the first error's precedence, chains, texts, keys, and the bounds of the trace.
 
+#include "support/childProcess.h"
 #include "support/failingHeap.h"
 #include "support/korTest.h"
 
 #include "korutil/korAlloc.h"
+#include "korutil/korLib.h"
 
 #include <cerrno>
 #include <cstring>
@@ -392,6 +394,27 @@ TEST_F(KorExTest, KeysTellPathsApart)
     _korEx_PrintStack(2, ex);
     _korEx_PrintStack(2, nullptr);
     EXPECT_EQ(capture.text(), "\tinner:2\n\touter:1\n\tinner:2\n\touter:1\n");
+}
+
+// In a process of its own, where nobody has asked for the program's name yet.
+TEST_F(KorExTest, DISABLED_FirstRaiseWithoutMemory)
+{
+    _korutil_Open(KOR_AT(ex, 0), 3);
+    {
+        kor::test::FailingHeap heap(1, UINT64_MAX);
+        EXPECT_EQ(_kor_malloc(KOR_AT(ex, 0), 10), nullptr);
+        EXPECT_RAISED(KOR_ERROR_NO_MEMORY, nullptr);
+        KOR_RAISE(ex, 0, KOR_ERROR_NOT_FOUND, "no memory for the thread's name");
+        EXPECT_STREQ(ex->threadName, "Unnamed");
+    }
+    EXPECT_RAISED(KOR_ERROR_NOT_FOUND, "no memory for the thread's name");
+    _korutil_Close(KOR_AT_D(0, ex));
+}
+
+TEST_F(KorExTest, RaisesWithNoMemoryAtAll)
+{
+    kor::test::ChildProcess child("KorExTest.DISABLED_FirstRaiseWithoutMemory");
+    EXPECT_EQ(child.wait(), 0) << child.output();
 }
 
 TEST_F(KorExTest, RaisingKeepsTheSystemsLastErrors)

@@ -6,7 +6,7 @@
 #include "korutil/korThreadLocal.h"
 #include "support/failingHeap.h"
 #include "support/korTest.h"
-#include "support/rendezvous.h"
+#include "support/meeting.h"
 
 #include <algorithm>
 #include <array>
@@ -18,7 +18,6 @@
 
 using kor::test::FailingHeap;
 using kor::test::KorTest;
-using kor::test::Rendezvous;
 
 namespace {
 
@@ -298,23 +297,23 @@ TEST_F(PoolTest, AThreadMayOutliveThePool)
 {
     korPool* pool = create(50, 8, 1, 20);
     korPool* next = nullptr;
-    Rendezvous step(2);
+    kor::test::Barrier step(2);
     std::thread late([&] {
         korEx* own = korEx_Create();
         _korPool_Return(KOR_AT_D(0, own), pool, _korPool_Get(KOR_AT(own, 0), pool));
-        step.meet(); // cached
-        step.meet(); // gone, and its key is another pool's
+        step.arrive_and_wait(); // cached
+        step.arrive_and_wait(); // gone, and its key is another pool's
         EXPECT_EQ(_korThreadLocal_Get(next->threadKey), 0u);
         _korPool_Return(KOR_AT_D(0, own), next, _korPool_Get(KOR_AT(own, 0), next));
         EXPECT_EQ(own->code, 0);
         korEx_Destroy(own);
     });
-    step.meet();
+    step.arrive_and_wait();
     uint16_t key = pool->threadKey;
     destroy(pool);
     next = create(50, 8, 1, 20);
     EXPECT_EQ(next->threadKey, key);
-    step.meet();
+    step.arrive_and_wait();
     late.join();
     EXPECT_EQ(freeChunks(next), 50u);
     destroy(next);
@@ -485,7 +484,7 @@ TEST_F(PoolTest, APoolEndsWhileThreadsEnd)
 {
     for (int round = 0; round < 50; round++) {
         korPool* pool = createCounted(16, 1, 4);
-        Rendezvous together(4);
+        kor::test::Barrier together(4);
         std::vector<std::thread> threads;
         for (int i = 0; i < 3; i++) {
             threads.emplace_back([&] {
@@ -498,10 +497,10 @@ TEST_F(PoolTest, APoolEndsWhileThreadsEnd)
                     _korPool_Return(KOR_AT_D(0, own), pool, chunk);
                 }
                 korEx_Destroy(own);
-                together.meet();
+                together.arrive_and_wait();
             });
         }
-        together.meet();
+        together.arrive_and_wait();
         destroy(pool);
         for (std::thread& thread : threads) {
             thread.join();

@@ -1,5 +1,6 @@
-// meeting.h - where threads of a test wait for each other. The standard barriers and semaphores of MinGW's library lose
-// wake-ups; these can go when they no longer do.
+// meeting.h - where test threads meet: a barrier and a semaphore on a mutex and a condition variable.
+//
+// The standard library's own hang on Windows: MinGW's atomic waits lose wake-ups. They may come back when they do not.
 
 #pragma once
 
@@ -8,37 +9,44 @@
 
 namespace kor::test {
 
-/// Lets `count` threads through together, again and again.
+/// Holds `count` threads until all of them have arrived, again and again.
 class Barrier
 {
 public:
     explicit Barrier(int count) : count_(count) {}
 
-    void arriveAndWait()
+    void arrive_and_wait()
     {
-        std::unique_lock hold(mutex_);
-        int phase = phase_;
-        if (++arrived_ == count_) {
-            next();
-        }
-        changed_.wait(hold, [&] { return phase_ != phase; });
+        arrive_and_wait([] {});
     }
 
-    /// Arrives, does not wait, and is not waited for from now on.
-    void arriveAndDrop()
+    /// The last one to arrive runs `completion` before anyone goes on.
+    template <typename Completion>
+    void arrive_and_wait(Completion completion)
     {
         std::unique_lock hold(mutex_);
-        count_--;
-        if (arrived_ == count_) {
-            next();
+        if (++arrived_ == count_) {
+            completion();
+            beginRound();
+            return;
+        }
+        changed_.wait(hold, [this, round = round_] { return round_ != round; });
+    }
+
+    /// Leaves for good: from now on one thread less is waited for.
+    void arrive_and_drop()
+    {
+        std::lock_guard hold(mutex_);
+        if (--count_ == arrived_) {
+            beginRound();
         }
     }
 
 private:
-    void next()
+    void beginRound()
     {
         arrived_ = 0;
-        phase_++;
+        round_++;
         changed_.notify_all();
     }
 
@@ -46,30 +54,31 @@ private:
     std::condition_variable changed_;
     int count_;
     int arrived_ = 0;
-    int phase_ = 0;
+    unsigned round_ = 0;
 };
 
-/// Closed until it is opened.
-class Gate
+/// Lets one thread through for each release.
+class Semaphore
 {
 public:
-    void open()
+    void release()
     {
-        std::unique_lock hold(mutex_);
-        open_ = true;
-        changed_.notify_all();
+        std::lock_guard hold(mutex_);
+        count_++;
+        changed_.notify_one();
     }
 
-    void wait()
+    void acquire()
     {
         std::unique_lock hold(mutex_);
-        changed_.wait(hold, [this] { return open_; });
+        changed_.wait(hold, [this] { return count_ > 0; });
+        count_--;
     }
 
 private:
     std::mutex mutex_;
     std::condition_variable changed_;
-    bool open_ = false;
+    int count_ = 0;
 };
 
 } // namespace kor::test

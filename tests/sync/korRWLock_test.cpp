@@ -74,13 +74,13 @@ TEST_F(korRWLockTest, WritersAreAloneAndReadersSeeWholeChanges)
 TEST_F(korRWLockTest, ReadersAreInsideTogether)
 {
     constexpr int readers = 8;
-    Barrier inside(readers);
+    kor::test::Barrier inside(readers);
     Threads threads;
     for (int i = 0; i < readers; i++) {
         threads.emplace_back([&] {
             for (int round = 0; round < 20; round++) {
                 read();
-                inside.arriveAndWait(); // nobody leaves before all have come in
+                inside.arrive_and_wait(); // nobody leaves before all have come in
                 unread();
             }
         });

@@ -122,13 +122,13 @@ TEST_F(KorThreadLocal, KeysRunOutAtTheLastOneAndComeAgain)
 TEST_F(KorThreadLocal, AReusedKeyShowsNothingAndLosesNothing)
 {
     int32_t key = create();
-    Gate isSet;
-    Gate go;
+    kor::test::Semaphore set1;
+    kor::test::Semaphore go;
     std::jthread other([&] {
         KOR_EX_LOCAL(own);
         _korThreadLocal_Set(&own, 0, key, 21);
-        isSet.open();
-        go.wait();
+        set1.release();
+        go.acquire();
         EXPECT_EQ(_korThreadLocal_Get(key), 0u); // the key has a new owner
         _korThreadLocal_Set(&own, 0, key, 22);
         EXPECT_EQ(ended, Values{20}); // the old value waits
@@ -136,13 +136,13 @@ TEST_F(KorThreadLocal, AReusedKeyShowsNothingAndLosesNothing)
         EXPECT_EQ(ended, (Values{20, 21}));
         EXPECT_EQ(_korThreadLocal_Get(key), 22u);
     });
-    isSet.wait();
+    set1.acquire();
     set(key, 20);
     destroy(key);
     EXPECT_EQ(ended, Values{20}); // this thread's at once
     EXPECT_EQ(create(), key);
     EXPECT_EQ(_korThreadLocal_Get(key), 0u);
-    go.open();
+    go.release();
     other.join();
     EXPECT_EQ(ended, (Values{20, 21, 22}));
     destroy(key);
@@ -267,7 +267,7 @@ TEST_F(KorThreadLocal, KeysComeAndGoWhileThreadsSetValues)
         count = 0;
     }
     std::atomic<uint64_t> done = 0;
-    Gate settled;
+    std::atomic<bool> settled = false;
     auto work = [&](uint64_t worker) {
         KOR_EX_LOCAL(own);
         uint64_t next = 1 + worker * (sets + sharedKeys);
@@ -282,7 +282,9 @@ TEST_F(KorThreadLocal, KeysComeAndGoWhileThreadsSetValues)
             }
         }
         done++;
-        settled.wait();
+        while (!settled) {
+            std::this_thread::yield();
+        }
         for (auto& key : keys) {
             _korThreadLocal_Set(&own, 0, key, next++);
         }
@@ -297,7 +299,7 @@ TEST_F(KorThreadLocal, KeysComeAndGoWhileThreadsSetValues)
         destroy(old);
         keys[i] = create(countEnd);
     }
-    settled.open();
+    settled = true;
     threads.clear();
     for (uint64_t worker = 0; worker < workers; worker++) {
         for (uint64_t i = 0; i < sets + sharedKeys; i++) {

@@ -69,8 +69,8 @@ protected:
 
 TEST_F(KorThread, IsJoinedByAnyNumberOfThreads)
 {
-    Gate go;
-    auto body = [&] { go.wait(); };
+    kor::test::Semaphore go;
+    auto body = [&] { go.acquire(); };
     korThread* thread = start(body);
     std::vector<std::jthread> joiners;
     std::atomic<uint64_t> sum = 0;
@@ -80,7 +80,7 @@ TEST_F(KorThread, IsJoinedByAnyNumberOfThreads)
             sum += _korThread_Join(&own, 0, thread);
         });
     }
-    go.open();
+    go.release();
     joiners.clear();
     EXPECT_EQ(sum, 4 * 7u);
     EXPECT_EQ(_korThread_Join(ex, 0, thread), 7u);
@@ -115,11 +115,11 @@ TEST_F(KorThread, OutlivesItsObject)
 
 TEST_F(KorThread, JoinRefusesInsteadOfWaitingForEver)
 {
-    Gate go;
+    kor::test::Semaphore go;
     int32_t code = 0;
     korThread* thread = nullptr;
     auto body = [&] {
-        go.wait();
+        go.acquire();
         KOR_EX_LOCAL(own);
         _korThread_Join(&own, 0, thread);
         code = own.code;
@@ -128,7 +128,7 @@ TEST_F(KorThread, JoinRefusesInsteadOfWaitingForEver)
     KOR_RAISE(ex, 0, KOR_ERROR_TIMEOUT, NULL);
     EXPECT_EQ(_korThread_Join(ex, 0, thread), 0u); // the thread has not even begun
     EXPECT_RAISED(KOR_ERROR_TIMEOUT, nullptr);
-    go.open();
+    go.release();
     _korThread_Join(ex, 0, thread);
     EXPECT_EQ(code, KOR_ERROR_INVALID_ARGUMENT);
     _korThread_Destroy(0, ex, thread);
@@ -139,12 +139,12 @@ TEST_F(KorThread, JoinRefusesInsteadOfWaitingForEver)
 TEST_F(KorThread, KnowsItsNameTypeAndNumbers)
 {
     korThread* thread = nullptr;
-    Gate ready;
+    kor::test::Semaphore ready;
     auto body = [&] {
         KOR_EX_LOCAL(own);
         EXPECT_EQ(currentName(), "tKnows");
         EXPECT_EQ(_korThread_Type(), 17);
-        ready.wait();
+        ready.acquire();
         EXPECT_TRUE(_korThread_IsCurrentThread(thread));
         EXPECT_EQ(thread->threadId, _korThread_CurrentSystemThreadID());
         _korThread_SetCurrentName(&own, 0, "tRenamed");
@@ -154,7 +154,7 @@ TEST_F(KorThread, KnowsItsNameTypeAndNumbers)
     };
     thread = start(body, "tKnows", 17);
     EXPECT_FALSE(_korThread_IsCurrentThread(thread));
-    ready.open();
+    ready.release();
     _korThread_Join(ex, 0, thread);
     _korThread_Destroy(0, ex, thread);
     run([&] { EXPECT_EQ(_korThread_Type(), -2); }, "tNegative", -2);
@@ -200,6 +200,7 @@ TEST_F(KorThread, IsStillNamedWhenItsDestructorsRun)
         KOR_RAISE(&own, 0, KOR_ERROR_NOT_FOUND, NULL);
         nameInDestructor = own.threadName;
     });
+    kor::test::Semaphore go;
     auto body = [&] {
         KOR_EX_LOCAL(own);
         _korThreadLocal_Set(&own, 0, key, 1);
@@ -280,19 +281,18 @@ TEST_F(KorThread, OnceRunsOnceAndNobodyReturnsBefore)
     constexpr int rounds = 300;
     std::array<korThreadOnce, rounds> controls = {};
     std::atomic<int> early = 0;
-    Barrier line(threads);
+    kor::test::Barrier line(threads);
     auto body = [&] {
         KOR_EX_LOCAL(own);
         for (korThreadOnce& once : controls) {
-            line.arriveAndWait();
+            line.arrive_and_wait([] { onceEnded = false; });
             _korThread_Once(&own, 0, &once, [] {
                 onceRuns++;
                 std::this_thread::yield();
                 onceEnded = true;
             });
             early += !onceEnded;
-            line.arriveAndWait();
-            onceEnded = false;
+            line.arrive_and_wait();
         }
     };
     {

@@ -3,6 +3,8 @@
 // A program of its own, since one that is linked to the library cannot unload it. Argument: the library's path.
 
 #include "korutil/korLib.h"
+#include "korutil/korLogger.h"
+#include "korutil/korMemReserve.h"
 #include "korutil/korPool.h"
 #include "korutil/korThread.h"
 #include "korutil/korThreadLocal.h"
@@ -28,7 +30,8 @@ constexpr int shortThreads = 3;
     entry(_korutil_Open) entry(_korutil_Close) entry(_korThreadLocal_Create) entry(_korThreadLocal_Set)              \
         entry(_korThreadLocal_GetRawDebug) entry(_korThread_Current) entry(_korThread_Create) entry(_korThread_Join) \
             entry(_korThread_Destroy) entry(_korPool_Create) entry(_korPool_Destroy) entry(_korPool_Get)             \
-                entry(_korPool_Return) entry(_korEx_SetException)
+                entry(_korPool_Return) entry(_korEx_SetException) entry(_korMemReserve_Alloc)                        \
+                    entry(_korLogger_SetLogCallbackForId) entry(_korLogger_LogByKey)
 
 struct Library {
     Module module;
@@ -41,7 +44,10 @@ struct Library {
 
 Library library;
 std::atomic<int> destructors;
+std::atomic<int> statements;
 std::atomic<int> failures;
+
+constexpr uint64_t logKey = 7;
 
 void expect(bool condition, const char* what, int round)
 {
@@ -57,6 +63,11 @@ void freeValue(uint64_t value)
     std::free(reinterpret_cast<void*>(value));
 }
 
+void countStatement(korDateTime, const char*, void*)
+{
+    statements++;
+}
+
 // A value of this thread, which nobody has set since the library was loaded.
 void* useLibrary(int round)
 {
@@ -67,6 +78,7 @@ void* useLibrary(int round)
     expect(library._korThreadLocal_GetRawDebug_(library.key) == reinterpret_cast<uint64_t>(value), "no value", round);
     expect(library._korThread_Current_(&ex, 0) != 0, "no serial number", round);
     library._korPool_Return_(0, &ex, library.pool, library._korPool_Get_(&ex, 0, library.pool)); // leaves a cache
+    library._korLogger_LogByKey_(logKey, 1, nullptr, nullptr, KOR_LOG_WARN, nullptr, 0, "round %d", round);
     expect(ex.code == 0, "an error", round);
     library._korEx_SetException_(&ex, KOR_ERROR_NOT_FOUND, nullptr, 0, __func__, __LINE__, 0);
     expect(ex.code == KOR_ERROR_NOT_FOUND, "no error", round);
@@ -93,12 +105,16 @@ void load(const char* path, int round)
     library._korutil_Open_(&ex, 0, KORUTIL_LEVEL);
     library.key = library._korThreadLocal_Create_(&ex, 0, freeValue);
     library.pool = library._korPool_Create_(&ex, 0, 16, 64, nullptr, nullptr, 1, 16);
+    library._korMemReserve_Alloc_(&ex, 0, 100000);
+    library._korLogger_SetLogCallbackForId_(&ex, 0, logKey, countStatement, nullptr);
+    statements = 0;
     expect(ex.code == 0, "cannot open", round);
 }
 
 void unload(const char* path, int round)
 {
     KOR_EX_LOCAL(ex);
+    expect(statements >= shortThreads, "statements got lost", round);
     library._korPool_Destroy_(0, &ex, library.pool);
     library._korutil_Close_(0, &ex);
     expect(unloadModule(library.module) && !isLoaded(path), "cannot unload", round);
@@ -118,18 +134,18 @@ void shortLives(int round)
 }
 
 // A thread that lives on with its value when the library goes: the value stays its own.
-void lastingLife(Barrier& loaded, Barrier& used, Barrier& unloaded, int lastRound)
+void lastingLife(kor::test::Barrier& loaded, kor::test::Barrier& used, kor::test::Barrier& unloaded, int lastRound)
 {
     for (int round = 0; round <= lastRound; round++) {
-        loaded.arriveAndWait();
+        loaded.arrive_and_wait();
         void* value = useLibrary(round);
-        used.arriveAndWait();
-        unloaded.arriveAndWait();
+        used.arrive_and_wait();
+        unloaded.arrive_and_wait();
         std::free(value);
     }
-    loaded.arriveAndDrop();
-    used.arriveAndDrop();
-    unloaded.arriveAndDrop();
+    loaded.arrive_and_drop();
+    used.arrive_and_drop();
+    unloaded.arrive_and_drop();
 }
 
 } // namespace
@@ -137,9 +153,9 @@ void lastingLife(Barrier& loaded, Barrier& used, Barrier& unloaded, int lastRoun
 int main(int argc, char** argv)
 {
     const char* path = argc > 1 ? argv[1] : "korutil.dll";
-    Barrier loaded(lastingThreads + 1);
-    Barrier used(lastingThreads + 1);
-    Barrier unloaded(lastingThreads + 1);
+    kor::test::Barrier loaded(lastingThreads + 1);
+    kor::test::Barrier used(lastingThreads + 1);
+    kor::test::Barrier unloaded(lastingThreads + 1);
     std::vector<std::jthread> lasting;
     for (int i = 0; i < lastingThreads; i++) {
         lasting.emplace_back(lastingLife, std::ref(loaded), std::ref(used), std::ref(unloaded),
@@ -148,14 +164,14 @@ int main(int argc, char** argv)
     for (int round = 0; round < rounds; round++) {
         destructors = 0;
         load(path, round);
-        loaded.arriveAndWait();
+        loaded.arrive_and_wait();
         useLibrary(round);
         shortLives(round);
-        used.arriveAndWait();
+        used.arrive_and_wait();
         expect(destructors == shortThreads + 1, "the ends of threads", round);
         unload(path, round);
         expect(destructors == shortThreads + 2, "the unloading thread's own value, and no other", round);
-        unloaded.arriveAndWait();
+        unloaded.arrive_and_wait();
     }
     return failures == 0 ? 0 : 1;
 }
