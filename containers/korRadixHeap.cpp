@@ -8,6 +8,7 @@
 #include "foundation/hostile.h"
 #include "korutil/korAlloc.h"
 
+#include <algorithm>
 #include <bit>
 #include <cinttypes>
 #include <cstdio>
@@ -26,10 +27,14 @@ int64_t& referenceKey(korRadixHeap* heap)
 }
 
 // 0 for the reference key itself, else the number of the highest bit that differs, counted from 1.
+uint8_t bucketFor(int64_t reference, int64_t key)
+{
+    return static_cast<uint8_t>(std::bit_width(static_cast<uint64_t>(reference) ^ static_cast<uint64_t>(key)));
+}
+
 uint8_t bucketOf(const korRadixHeap* heap, int64_t key)
 {
-    return static_cast<uint8_t>(
-        std::bit_width(static_cast<uint64_t>(heap->buckets[0].minKey) ^ static_cast<uint64_t>(key)));
+    return bucketFor(heap->buckets[0].minKey, key);
 }
 
 // Looks at the first items of each bucket, for the hostile build.
@@ -49,18 +54,20 @@ void check([[maybe_unused]] const korRadixHeap* heap)
 }
 
 // Puts an item at the tail of a bucket.
-void place(korRadixHeap* heap, korRadixItem* item, uint8_t index)
+KOR_INLINE void place(korRadixBucket* buckets, korRadixItem* item, uint8_t index)
 {
-    korRadixBucket* bucket = &heap->buckets[index];
-    if (bucket->head != nullptr) {
-        item->prev = bucket->head->prev;
-        item->prev->next = item;
-    } else {
-        bucket->head = item;
-    }
-    bucket->head->prev = item;
+    korRadixBucket* bucket = &buckets[index];
+    korRadixItem* head = bucket->head;
     item->next = nullptr;
     item->bucket = index;
+    if (head != nullptr) {
+        item->prev = head->prev;
+        item->prev->next = item;
+        head->prev = item;
+    } else {
+        item->prev = item;
+        bucket->head = item;
+    }
 }
 
 void lowerMinKey(korRadixBucket* bucket, int64_t key)
@@ -81,18 +88,20 @@ void lowerLastScan(korRadixHeap* heap, uint8_t index)
 void spread(korRadixHeap* heap, korRadixBucket* bucket, int64_t reference)
 {
     korRadixItem* item = bucket->head;
+    korRadixBucket* buckets = heap->buckets;
+    uint8_t lowest = heap->lastScan;
     *bucket = emptyBucket;
-    referenceKey(heap) = reference;
+    buckets[0].minKey = reference;
     while (item != nullptr) {
         korRadixItem* next = item->next;
-        uint8_t index = bucketOf(heap, item->key);
-        place(heap, item, index);
-        if (index != 0) {
-            lowerMinKey(&heap->buckets[index], item->key);
-        }
-        lowerLastScan(heap, index);
+        int64_t key = item->key;
+        uint8_t index = bucketFor(reference, key);
+        place(buckets, item, index);
+        buckets[index].minKey = std::min(buckets[index].minKey, key); // bucket 0: the keys are the reference key
+        lowest = std::min(lowest, index);
         item = next;
     }
+    heap->lastScan = lowest;
 }
 
 // The lowest bucket above 0 with items, or null. Empty ones on the way lose what is left of an old minKey.
@@ -229,7 +238,7 @@ void _korRadixHeap_Insert(korEx* ex, uint8_t depth, korRadixHeap* heap, korRadix
         }
     }
     item->key = key;
-    place(heap, item, index);
+    place(heap->buckets, item, index);
     lowerMinKey(&heap->buckets[index], key);
     lowerLastScan(heap, index);
     check(heap);
@@ -243,7 +252,7 @@ void _korRadixHeap_InsertAnyKey(korEx* ex, uint8_t depth, korRadixHeap* heap, ko
     if (key >= referenceKey(heap)) {
         _korRadixHeap_Insert(KOR_AT(ex, depth), heap, item, key);
     } else if (heap->buckets[0].head == nullptr) {
-        place(heap, item, 0);
+        place(heap->buckets, item, 0);
     } else {
         linkAmongDue(heap, item, key);
     }
