@@ -267,6 +267,7 @@ void unregisterCounter(korEx*, uint8_t depth, uint64_t counter)
 TEST_F(KorPerf, CountersGoToTheHooks)
 {
     auto argument = [](uintptr_t number) { return reinterpret_cast<void*>(number); };
+    forgotten = 0;
     uint64_t counter = 9;
     _korStatCounter_Register(ex, 3, argument(1), argument(2), argument(3), &counter);
     EXPECT_EQ(counter, 0u);
