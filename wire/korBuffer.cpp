@@ -77,7 +77,7 @@ korBuffer* takeRecord(korEx* ex, uint8_t depth, korPoolCache* cache, korPool* po
     } else if (pool != nullptr) {
         record = _korPool_Get(KOR_AT(ex, depth), pool);
     } else {
-        record = _kor_malloc(KOR_AT(ex, depth), sizeof(korBuffer));
+        record = _kor_calloc(KOR_AT(ex, depth), 1, sizeof(korBuffer));
     }
     if (record == nullptr) {
         return nullptr;
@@ -326,21 +326,21 @@ korBuffer* _korBuffer_ReplaceDataWrappedOrCreate(korEx* ex, uint8_t depth, korBu
     if (ex->code != 0) {
         return buffer;
     }
-    if (size < 0) {
+    if (size < 0 || (data == nullptr && size > 0)) {
         KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, nullptr);
         return buffer;
     }
     korBuffer* result = buffer;
     if (buffer != nullptr && !hasOtherHolders(buffer)) {
         dropArea(KOR_AT_D(depth, ex), buffer);
-        setArea(buffer, data, size);
     } else {
-        result = _korBuffer_CreateWithData(KOR_AT(ex, depth), data, size);
+        result = takeRecord(KOR_AT(ex, depth), nullptr, defaultPool);
         if (result == nullptr) {
             return buffer;
         }
         _korBuffer_ReleaseToCache(KOR_AT_D(depth, ex), buffer, nullptr);
     }
+    setArea(result, data, size);
     result->wrapped = 1;
     return result;
 }
