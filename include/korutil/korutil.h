@@ -13,6 +13,7 @@
 #include "korutil/korCountCondition.h"
 #include "korutil/korCrc64.h"
 #include "korutil/korDpa.h"
+#include "korutil/korDpq.h"
 #include "korutil/korEncoding.h"
 #include "korutil/korEx.h"
 #include "korutil/korFastCondition.h"
