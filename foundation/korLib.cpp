@@ -8,6 +8,7 @@
 #include "foundation/unload.h"
 #include "korutil/korAffinity.h"
 #include "korutil/korAlloc.h"
+#include "korutil/korBuffer.h"
 #include "korutil/korMutex.h"
 #include "korutil/korObjectMap.h"
 #include "korutil/korRefDpa.h"
@@ -66,6 +67,7 @@ void startSubsystems(korEx* ex, uint8_t depth)
     _korObjectMap_Open(KOR_AT(ex, depth));
     _korAffinity_Open(KOR_AT(ex, depth));
     _korThread_InitThreads(KOR_AT(ex, depth));
+    _korBuffer_CreatePool(KOR_AT(ex, depth));
     _korRefDpa_Open(KOR_AT(ex, depth));
 }
 
@@ -73,6 +75,7 @@ void startSubsystems(korEx* ex, uint8_t depth)
 // later open finds them.
 void stopSubsystems(uint8_t depth, korEx* ex)
 {
+    _korBuffer_DestroyPool(KOR_AT(ex, depth));
     _korAffinity_Close(KOR_AT_D(depth, ex));
     _korEx_Close(KOR_AT(ex, depth));
 }

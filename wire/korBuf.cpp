@@ -1,5 +1,7 @@
-// korBuf.cpp - the field codecs. Every bound is tested as a signed distance from the cursor to the end, so that no
-// pointer behind the buffer is ever formed.
+// korBuf.cpp - the field codecs.
+//
+// Every bound is tested as a signed distance from the cursor to the end: a size however large overflows nothing, and a
+// cursor that lies behind the end has no room.
 
 #include "korutil/korBuf.h"
 #include "korutil/korAlloc.h"
@@ -61,12 +63,11 @@ bool take(uint8_t** cursor, const uint8_t* end, Number* value)
     return true;
 }
 
-// A negative length has no bytes.
-void copyRun(void* to, const void* from, int32_t length)
+// A negative length passes the test of room as the negative number that it is, and then has no bytes: the cursor must
+// not go back into what was read, or in front of the buffer, because a message says so.
+int32_t bytesOf(int32_t length)
 {
-    if (length > 0) {
-        std::memcpy(to, from, static_cast<size_t>(length));
-    }
+    return std::max(length, 0);
 }
 
 bool putRun(uint8_t** cursor, const uint8_t* end, const void* data, int32_t length)
@@ -74,8 +75,10 @@ bool putRun(uint8_t** cursor, const uint8_t* end, const void* data, int32_t leng
     if (!hasRoom(*cursor, end, length)) {
         return false;
     }
-    copyRun(*cursor, data, length);
-    *cursor += length;
+    if (length > 0) { // else `data` may be NULL
+        std::memcpy(*cursor, data, static_cast<size_t>(length));
+    }
+    *cursor += bytesOf(length);
     return true;
 }
 
@@ -84,12 +87,12 @@ bool takeRun(uint8_t** cursor, const uint8_t* end, void** data, int32_t length, 
     if (!hasRoom(*cursor, end, length)) {
         return false;
     }
-    if (copy) {
-        copyRun(*data, *cursor, length);
-    } else {
+    if (!copy) {
         *data = *cursor;
+    } else if (length > 0) {
+        std::memcpy(*data, *cursor, static_cast<size_t>(length));
     }
-    *cursor += length;
+    *cursor += bytesOf(length);
     return true;
 }
 
@@ -148,14 +151,6 @@ uint64_t loadHeader(const uint8_t* from, int32_t width)
     }
     uint64_t field = __builtin_bswap64(loadFirst(from, width)) >> (64 - 8 * width);
     return field & ((uint64_t{1} << (7 * width)) - 1);
-}
-
-// One byte is tested against a signed distance and more bytes against an unsigned one: the caller's cursor is not
-// behind the end.
-bool hasHeaderRoom(const uint8_t* cursor, const uint8_t* end, int32_t width)
-{
-    int64_t room = end - cursor;
-    return width == 1 ? room >= 1 : static_cast<uint64_t>(room) >= static_cast<uint64_t>(width);
 }
 
 // ---- Variable integers ----------------------------------------------------------------------------------------------
@@ -260,7 +255,7 @@ uint8_t* writeNodes(const Tree& tree, uint8_t* to)
     return to;
 }
 
-// Reads the nodes below a top node on level `top`, 1 or higher. False if the bytes end early.
+// Reads the nodes below the one on level `top`, 1 or higher. False if the bytes end early.
 bool readNodes(uint8_t** cursor, const uint8_t* end, int32_t top, uint8_t topNode, uint8_t* bytes, int64_t count)
 {
     uint8_t node[maxLevelsToRead];  // on each level, what is left of the open node
@@ -284,6 +279,22 @@ bool readNodes(uint8_t** cursor, const uint8_t* end, int32_t top, uint8_t topNod
         } else if (element < count) {
             bytes[element] = child;
         }
+    }
+    return true;
+}
+
+// Reads the top node and what it has below it; with one level the node is the array's one element.
+bool readTree(uint8_t** cursor, const uint8_t* end, int32_t levels, uint8_t* bytes, int64_t count)
+{
+    uint8_t node;
+    if (!take(cursor, end, &node)) {
+        return false;
+    }
+    if (levels > 1) {
+        return readNodes(cursor, end, levels - 1, node, bytes, count);
+    }
+    if (count > 0) {
+        bytes[0] = node;
     }
     return true;
 }
@@ -372,8 +383,7 @@ void _korBuf_EncodeBytes(korEx* ex, uint8_t depth, uint8_t** cursor, const uint8
     if (ex->code != 0) {
         return;
     }
-    // The length itself needs its room even where a negative length would lower the sum.
-    if (!hasRoom(*cursor, end, sizeof length + std::max(int64_t{length}, int64_t{0}))) {
+    if (!hasRoom(*cursor, end, int64_t{sizeof length} + bytesOf(length))) {
         KOR_RAISE(ex, depth, KOR_ERROR_END_OF_BUFFER, endOfBuffer);
         return;
     }
@@ -436,11 +446,15 @@ int32_t _korBuf_ReadHeaderIntImpl(korEx* ex, uint8_t depth, uint8_t** cursor, co
 
 int32_t _korBuf_WriteHeaderIntImpl(korEx* ex, uint8_t depth, uint8_t** cursor, const uint8_t* end, uint64_t value)
 {
-    int32_t width = _korBuf_HeaderIntWireSizeImpl(KOR_AT(ex, depth), value);
-    if (width == 0) {
+    if (ex->code != 0) {
         return 0;
     }
-    if (!hasHeaderRoom(*cursor, end, width)) {
+    int32_t width = headerWidth(value);
+    if (width > widest) {
+        KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, illegalValue);
+        return 0;
+    }
+    if (!hasRoom(*cursor, end, width)) {
         KOR_RAISE(ex, depth, KOR_ERROR_END_OF_BUFFER, bufferTooSmall);
         return 0;
     }
@@ -573,18 +587,15 @@ void _korBuf_DecodeBitmask(korEx* ex, uint8_t depth, uint8_t** cursor, const uin
         std::memset(bytes, 0, static_cast<size_t>(count));
     }
     uint8_t levels = 0;
-    uint8_t node = 0;
     bool whole = take(cursor, end, &levels);
     if (levels > maxLevelsToRead) {
         KOR_RAISE(ex, depth, KOR_ERROR_INVALID_VALUE, "Corrupt message header");
         return;
     }
     if (levels > 0) {
-        whole = take(cursor, end, &node) && (levels == 1 || readNodes(cursor, end, levels - 1, node, bytes, count));
+        whole = readTree(cursor, end, levels, bytes, count);
     }
     if (!whole) {
         KOR_RAISE(ex, depth, KOR_ERROR_END_OF_BUFFER, endOfBuffer);
-    } else if (levels == 1 && count > 0) {
-        bytes[0] = node;
     }
 }

@@ -45,8 +45,8 @@ KOR_API void _korBuf_EncodeUTF8(korEx* ex, uint8_t depth, uint8_t** cursor, cons
 KOR_API void _korBuf_DecodeUTF8(korEx* ex, uint8_t depth, uint8_t** cursor, const uint8_t* end, char** text,
                                 uint8_t duplicate);
 
-/// Writes `length` as 4 bytes and then so many bytes of `data`. A negative length takes part in the test of room as it
-/// is: it is written, nothing follows it, and the cursor moves by 4 and that length. Code 12 "End of buffer".
+/// Writes `length` as 4 bytes and then so many bytes of `data`. A negative length is written and has no bytes behind
+/// it. Code 12 "End of buffer".
 KOR_API void _korBuf_EncodeBytes(korEx* ex, uint8_t depth, uint8_t** cursor, const uint8_t* end, const void* data,
                                  int32_t length);
 
@@ -54,18 +54,18 @@ KOR_API void _korBuf_EncodeBytes(korEx* ex, uint8_t depth, uint8_t** cursor, con
 /// bytes are copied to where `*data` points, and the caller answers for the room there. Code 12 "End of buffer": for
 /// want of a length the cursor stays, for want of the bytes it stands behind the length and nothing is stored.
 ///
-/// A message may hold a negative length: it passes, nothing is copied, and the cursor moves back by it. A reader of
-/// messages that it does not trust tests `*length` before it goes on.
+/// A message may hold a negative length: it passes and has no bytes, nothing is copied, and the cursor stands behind
+/// the length. A reader tests `*length` before it uses it as a size.
 KOR_API void _korBuf_DecodeBytes(korEx* ex, uint8_t depth, uint8_t** cursor, const uint8_t* end, void** data,
                                  int32_t* length, uint8_t copy);
 
-/// Writes `length` bytes; the reader is told their number elsewhere. A negative length writes nothing and moves the
-/// cursor by it. Code 12 "End of buffer".
+/// Writes `length` bytes; the reader is told their number elsewhere. A negative length has no bytes. Code 12 "End of
+/// buffer".
 KOR_API void _korBuf_EncodeNBytes(korEx* ex, uint8_t depth, uint8_t** cursor, const uint8_t* end, const void* data,
                                   int32_t length);
 
-/// Reads `length` bytes, as a pointer or a copy like _korBuf_DecodeBytes. A negative length copies nothing and moves
-/// the cursor by it. Code 12 "End of buffer".
+/// Reads `length` bytes, as a pointer or a copy like _korBuf_DecodeBytes. A negative length has no bytes. Code 12 "End
+/// of buffer".
 KOR_API void _korBuf_DecodeNBytes(korEx* ex, uint8_t depth, uint8_t** cursor, const uint8_t* end, void** data,
                                   int32_t length, uint8_t copy);
 
@@ -82,8 +82,7 @@ KOR_API int32_t _korBuf_ReadHeaderIntImpl(korEx* ex, uint8_t depth, uint8_t** cu
 
 /// Writes a header integer in its shortest form and gives its bytes, 0 on an error.
 ///
-/// Code 1 "ILLEGAL_VALUE" for 2^63 or more, whatever the room; then code 12 "Buffer too small". The cursor must not lie
-/// behind `end`: room is a signed number for one byte and an unsigned one for the longer forms.
+/// Code 1 "ILLEGAL_VALUE" for 2^63 or more, whatever the room; then code 12 "Buffer too small".
 KOR_API int32_t _korBuf_WriteHeaderIntImpl(korEx* ex, uint8_t depth, uint8_t** cursor, const uint8_t* end,
                                            uint64_t value);
 
@@ -152,7 +151,8 @@ KOR_API int32_t _korBuf_VarIntWireSize(korEx* ex, uint8_t depth, int64_t value);
 KOR_API void _korBuf_EncodeBitmask(korEx* ex, uint8_t depth, uint8_t** cursor, const uint8_t* end, const uint8_t* bytes,
                                    int32_t count);
 
-/// Reads a bitmask into an array of `count` bytes. The array is zeroed first; what the field has beyond it is dropped.
+/// Reads a bitmask into an array of `count` bytes. The array is zeroed first; what the field has beyond it is dropped,
+/// and so all of it for a count below 1.
 /// Code 12 "End of buffer", code 16 "Corrupt message header" for more than 11 levels: in both cases the cursor stands
 /// behind the last byte read and the array is filled up to there.
 KOR_API void _korBuf_DecodeBitmask(korEx* ex, uint8_t depth, uint8_t** cursor, const uint8_t* end, uint8_t* bytes,

@@ -79,7 +79,7 @@ KOR_API korBuffer* _korBuffer_Copy(korEx* ex, uint8_t depth, const korBuffer* so
 /// Makes a buffer stand for `size` bytes of somebody else's, without a copy, and gives the buffer to use in place of
 /// the argument: the same one with its old area gone, or a new one if the argument is NULL or has further holders, who
 /// keep it; the caller's reference to it is then given up. On a failure the result is the argument, unchanged: code 2;
-/// code 1 (no description) for a negative size.
+/// code 1 (no description) for a negative size, or for NULL with any size but 0.
 KOR_API korBuffer* _korBuffer_ReplaceDataWrappedOrCreate(korEx* ex, uint8_t depth, korBuffer* buffer, void* data,
                                                          int32_t size);
 

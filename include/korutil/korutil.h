@@ -55,6 +55,7 @@
 #include "korutil/korThread.h"
 #include "korutil/korThreadLocal.h"
 #include "korutil/korTime.h"
+#include "korutil/korTimer.h"
 #include "korutil/korUrl.h"
 
 #endif

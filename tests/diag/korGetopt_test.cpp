@@ -1,0 +1,198 @@
+// korGetopt_test.cpp - command lines as a table: what each option gives, the lines on standard error, and where the
+// parser stands at the end. Then any elements at all.
+
+#include "korutil/korGetopt.h"
+
+#include "support/korTest.h"
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+using kor::test::Random;
+using kor::test::StreamCapture;
+
+namespace {
+
+// argv with the program's name, ended by a NULL, each element in a block of its own size.
+class CommandLine
+{
+public:
+    explicit CommandLine(std::vector<std::string> elements) : elements_(std::move(elements))
+    {
+        elements_.insert(elements_.begin(), "program");
+        for (std::string& element : elements_) {
+            element.shrink_to_fit();
+            argv_.push_back(element.data());
+        }
+        argv_.push_back(nullptr);
+    }
+
+    int argc() const { return static_cast<int>(elements_.size()); }
+    char* const* argv() const { return argv_.data(); }
+
+private:
+    std::vector<std::string> elements_;
+    std::vector<char*> argv_;
+};
+
+std::vector<std::string> split(const std::string& text)
+{
+    std::istringstream stream(text);
+    std::vector<std::string> words;
+    for (std::string word; stream >> word;) {
+        words.push_back(word);
+    }
+    return words;
+}
+
+struct Case {
+    const char* line;
+    const char* options; // results with their arguments, then where the rest begins
+    const char* errors;
+};
+
+std::string optionText(int result)
+{
+    std::string text = result < 32 ? std::to_string(result) : std::string(1, static_cast<char>(result));
+    return result == '?' || spamc_get_optarg() == nullptr ? text : text + "=" + spamc_get_optarg();
+}
+
+template <typename Step>
+void expectCase(const Case& one, Step step)
+{
+    SCOPED_TRACE(one.line);
+    CommandLine line(split(one.line));
+    std::string found;
+    spamc_set_optind(1);
+    StreamCapture capture(StreamCapture::error);
+    for (int result; (result = step(line)) != -1;) {
+        found += optionText(result) + " ";
+    }
+    EXPECT_EQ(capture.text(), one.errors);
+    EXPECT_EQ(found + std::to_string(spamc_get_optind()), one.options);
+}
+
+TEST(korGetopt, ShortOptions)
+{
+    const Case cases[] = {
+        {"", "1", ""},
+        {"file -a", "1", ""},
+        {"- -a", "1", ""},
+        {"-ab file", "a b 2", ""},
+        {"-a -b -- -a", "a b 4", ""},
+        {"--anything -a", "2", ""},
+        {"-xa", "? a 2", "Error in argument 1, char 2: option not found x\n"},
+        {"-ax -b", "a ? b 3", "Error in argument 1, char 3: option not found x\n"},
+        {"-a:b -b", "a ? b 3", "Error in argument 1, char 3: : in flags\n"},
+        {"-n", "? 3", "Error in argument 1, char 2: argument required for option n\n"},
+        {"-an", "a ? 3", "Error in argument 1, char 3: argument required for option n\n"},
+    };
+    for (const Case& one : cases) {
+        expectCase(one, [](const CommandLine& line) { return spamc_getopt(line.argc(), line.argv(), "abn:"); });
+    }
+    EXPECT_EQ(spamc_get_optopt(), 'n');
+    EXPECT_EQ(spamc_get_opterr(), 1);
+    // From here on the argument of an earlier option is still to be seen.
+    const Case withArguments[] = {
+        {"-n 5 -n -a", "n=5 n=-a 5", ""}, {"-nab 7 file", "n=7 3", ""}, // the rest of the cluster is dropped
+    };
+    for (const Case& one : withArguments) {
+        expectCase(one, [](const CommandLine& line) { return spamc_getopt(line.argc(), line.argv(), "abn:"); });
+    }
+}
+
+TEST(korGetopt, LongOptions)
+{
+    static int flag;
+    const spamc_option table[] = {
+        {"version", 0, nullptr, 'V'}, {"verbose", 0, &flag, 7}, {"level", 1, nullptr, 'l'},
+        {"color", 2, nullptr, 'c'},   {nullptr, 0, nullptr, 0},
+    };
+    const Case cases[] = {
+        {"--version file", "V 2", ""},
+        {"--ver", "V 2", ""}, // the first row that it begins
+        {"--verb", "0 2", ""},
+        {"--version=3", "V 2", ""},
+        {"--level=3 --level 4 --level=", "l=3 l=4 l= 5", ""},
+        {"--level=-3", "l=-3 2", ""},
+        {"--level -3", "? ? 3",
+         "Error in argument 1 : argument required for option --level\n"
+         "Error in argument 2, char 2: option not found 3\n"},
+        {"--level", "? 2", "Error in argument 1 : argument required for option --level\n"},
+        {"--color --color=red --color blue -a", "c c=red c=blue a 6", ""},
+        {"--colors", "? 2", "Error in argument 1 : option not found --colors\n"},
+        {"--wrong=3 -a", "? a 3", "Error in argument 1 : option not found --wrong=3\n"},
+        {"--:x", "? 2", "Error in argument 1 : : in flags\n"},
+        {"-- -a", "1", ""},
+        {"- -a", "1", ""},
+        {"-ab file", "a 2", ""}, // no clusters here
+        {"-n5 6 -n", "n=6 ? 4", "Error in argument 3, char 2: argument required for option n\n"},
+        {"-n -a", "? a 3", "Error in argument 1, char 2: argument required for option n\n"},
+        {"-: -x", "? ? 3",
+         "Error in argument 1, char 2: : in flags\n"
+         "Error in argument 2, char 2: option not found x\n"},
+    };
+    for (const Case& one : cases) {
+        expectCase(one, [&](const CommandLine& line) {
+            return spamc_getopt_long(line.argc(), line.argv(), "abn:", table, nullptr);
+        });
+    }
+    EXPECT_EQ(flag, 7);
+    EXPECT_EQ(spamc_get_optopt(), 'x');
+    int row = -1;
+    CommandLine line({"--level", "x", "--none"});
+    spamc_set_optind(1);
+    spamc_getopt_long(line.argc(), line.argv(), "", table, &row);
+    StreamCapture capture(StreamCapture::error);
+    EXPECT_EQ(spamc_getopt_long(line.argc(), line.argv(), "", table, &row), '?');
+    EXPECT_EQ(row, 2) << "an unknown option leaves the row alone";
+}
+
+TEST(korGetopt, AMovedPlaceForgetsTheCluster)
+{
+    CommandLine first({"-abbbbbbb", "-a"});
+    CommandLine second({"-b"});
+    spamc_set_optind(1);
+    EXPECT_EQ(spamc_getopt(first.argc(), first.argv(), "ab"), 'a');
+    EXPECT_EQ(spamc_getopt(first.argc(), first.argv(), "ab"), 'b');
+    EXPECT_EQ(spamc_getopt(second.argc(), second.argv(), "ab"), 'b') << "another argv, too short for the place";
+    spamc_set_optind(1);
+    EXPECT_EQ(spamc_getopt(first.argc(), first.argv(), "ab"), 'a');
+    spamc_set_optind(1);
+    EXPECT_EQ(spamc_getopt(first.argc(), first.argv(), "ab"), 'a');
+    for (int index : {-1, 3, 100}) {
+        spamc_set_optind(index);
+        EXPECT_EQ(spamc_getopt(first.argc(), first.argv(), "ab"), -1);
+        EXPECT_EQ(spamc_getopt_long(first.argc(), first.argv(), "ab", nullptr, nullptr), -1);
+        EXPECT_EQ(spamc_get_optind(), index);
+    }
+}
+
+TEST(korGetopt, AnyElementsComeToAnEnd)
+{
+    Random random;
+    const spamc_option table[] = {{"a", 1, nullptr, 'a'}, {"ab", 2, nullptr, 'b'}, {nullptr, 0, nullptr, 0}};
+    StreamCapture capture(StreamCapture::error);
+    for (int round = 0; round < 2000; round++) {
+        std::vector<std::string> elements(random.below(6));
+        size_t characters = 0;
+        for (std::string& element : elements) {
+            for (uint64_t length = random.below(5); length > 0; length--) {
+                element += "--:=abx"[random.below(7)];
+            }
+            characters += element.size() + 1;
+        }
+        CommandLine line(elements);
+        spamc_set_optind(1);
+        for (size_t steps = 0, done = 0; done == 0; steps++) {
+            ASSERT_LE(steps, characters);
+            int result = random.chance(50) ? spamc_getopt(line.argc(), line.argv(), "a:b")
+                                           : spamc_getopt_long(line.argc(), line.argv(), "a:b", table, nullptr);
+            done = result == -1;
+        }
+        ASSERT_LE(spamc_get_optind(), line.argc() + 1);
+    }
+}
+
+} // namespace
