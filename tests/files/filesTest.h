@@ -3,6 +3,7 @@
 #pragma once
 
 #include "korutil/korFile.h"
+#include "korutil/korRand.h"
 
 #include "support/korTest.h"
 
@@ -16,6 +17,7 @@ class FilesTest : public KorTest
 protected:
     FilesTest()
     {
+        _korRand_Open(KOR_AT(ex, 0));
         char name[KOR_FILE_TEMP_NAME_SIZE];
         _korFile_MakeTempFileName(KOR_AT(ex, 0), name);
         directory_ = std::filesystem::temp_directory_path() / (std::string("kor-files-") + name);
