@@ -14,6 +14,7 @@
 #include "korutil/korCrc64.h"
 #include "korutil/korDpa.h"
 #include "korutil/korDyn.h"
+#include "korutil/korDpq.h"
 #include "korutil/korEncoding.h"
 #include "korutil/korEx.h"
 #include "korutil/korFastCondition.h"
