@@ -43,6 +43,7 @@
 #include "korutil/korPool.h"
 #include "korutil/korPoolCache.h"
 #include "korutil/korProcess.h"
+#include "korutil/korRQueue.h"
 #include "korutil/korRWLock.h"
 #include "korutil/korRadixHeap.h"
 #include "korutil/korRand.h"
