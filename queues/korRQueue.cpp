@@ -12,7 +12,6 @@
 #include "korutil/korCPU.h"
 #include "platform/cpu.h"
 
-#include <bit>
 #include <cstdlib>
 
 static_assert(sizeof(korRQueueSlot) == 128 && offsetof(korRQueueSlot, value) == 8);
@@ -104,7 +103,7 @@ korRQueue* _korRQueue_Create(korEx* ex, uint8_t depth, uint32_t size)
         KOR_RAISE(ex, depth, KOR_ERROR_NOT_SUPPORTED, "CPU must support double compare and swap");
         return nullptr;
     }
-    if (size > INT32_MAX || !std::has_single_bit(size)) {
+    if (size == 0 || size > INT32_MAX || (size & (size - 1)) != 0) {
         KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, "Queue size must be a positive power of two");
         return nullptr;
     }
