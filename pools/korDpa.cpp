@@ -7,6 +7,7 @@
 #include "foundation/hostile.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korPool.h"
+#include "pools/order.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -69,16 +70,7 @@ void insertAt(korDpa* dpa, int32_t index, uint64_t value)
     dpa->count++;
 }
 
-// ---- Order: the values themselves as unsigned numbers, or the caller's compare ----
-
-struct ByValue {
-    int32_t operator()(uint64_t left, uint64_t right) const { return left < right ? -1 : left > right; }
-};
-
-struct ByCompare {
-    korDpaCompare compare;
-    int32_t operator()(uint64_t left, uint64_t right) const { return compare(left, right); }
-};
+// ---- Order ----
 
 // The index of an equal value, or the complement of the insertion index. Which one of several equal values is found is
 // part of the promise: where an ordered add places its value follows from it.
