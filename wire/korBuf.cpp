@@ -140,7 +140,8 @@ uint64_t loadFirst(const uint8_t* from, int32_t size)
     return *from;
 }
 
-void storeHeader(uint8_t** cursor, uint64_t value, int32_t width)
+// Always in line: with a constant width little is left of it.
+KOR_INLINE void storeHeader(uint8_t** cursor, uint64_t value, int32_t width)
 {
     uint8_t* to = *cursor;
     *cursor += width;
