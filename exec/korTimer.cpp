@@ -223,38 +223,49 @@ void keepFailure(korEx* ex, korTimerTask* task)
     korEx_Clear(ex);
 }
 
-void runCallback(korEx* ex, uint8_t depth, korTimerTask* task)
+// What is measured around a callback. The frame behind the handler's is the callback's own, if it makes calls.
+struct Measure {
+    int64_t grace; // 0: nothing is measured
+    int64_t start;
+    korFrame* callbacksFrame;
+    bool late;
+};
+
+Measure beginMeasure(korEx* ex, uint8_t depth, korTimerTask* task)
 {
-    task->callback(KOR_AT(ex, depth), task->timer, task->id, task->closure);
-    if (ex->code != 0) {
-        keepFailure(ex, task);
+    Measure measure = {.grace = overrunGrace(), .start = 0, .callbacksFrame = nullptr, .late = false};
+    if (measure.grace != 0) {
+        measure.callbacksFrame = &ex->frames[std::min<int>(depth + 1, KOR_MAX_FRAMES - 1)];
+        measure.callbacksFrame->line = -1;
+        measure.start = now();
+        measure.late = reportLate(task, measure.start, measure.grace);
     }
+    return measure;
 }
 
-void runMeasured(korEx* ex, uint8_t depth, korTimerTask* task, int64_t grace)
+void endMeasure(const Measure& measure, korTimerTask* task)
 {
-    korFrame* callbacksFrame = &ex->frames[std::min<int>(depth + 1, KOR_MAX_FRAMES - 1)];
-    callbacksFrame->line = -1;
-    int64_t start = now();
-    bool report = reportLate(task, start, grace);
-    runCallback(ex, depth, task);
-    report = reportOverrun(task, start, grace) || report;
+    if (measure.grace == 0) {
+        return;
+    }
+    bool overrun = reportOverrun(task, measure.start, measure.grace);
     task->lastFinish = now();
-    if (report) {
+    if (measure.late || overrun) {
         KOR_LOG(component, KOR_LOG_SEVERE, "callback invoked: %s",
-                callbacksFrame->line != -1 ? callbacksFrame->function : "<unknown>");
+                measure.callbacksFrame->line != -1 ? measure.callbacksFrame->function : "<unknown>");
     }
 }
 
 // The job's main function: no lock is held.
 void _timerTaskJobHandler(korEx* ex, uint8_t depth, korJob* job)
 {
-    int64_t grace = overrunGrace();
-    if (grace != 0) {
-        runMeasured(ex, depth, taskOf(job), grace);
-    } else {
-        runCallback(ex, depth, taskOf(job));
+    korTimerTask* task = taskOf(job);
+    Measure measure = beginMeasure(ex, depth, task);
+    task->callback(KOR_AT(ex, depth), task->timer, task->id, task->closure);
+    if (ex->code != 0) {
+        keepFailure(ex, task);
     }
+    endMeasure(measure, task);
 }
 
 // ---- Back into the heap, or the end ---------------------------------------------------------------------------------
@@ -267,21 +278,14 @@ bool endRun(uint8_t depth, korEx* ex, korTimerTask* task)
     return false;
 }
 
-// True: the task lives on.
+// True: the task lives on. Under the mutex.
 bool recycle(uint8_t depth, korEx* ex, korTimerTask* task)
 {
     korTimer* timer = task->timer;
     if (task->placed || timer->state == created || timer->state == stopped) {
         return false;
     }
-    if (timer->state == running && task->exception != nullptr) {
-        if (korLogger_isLoggable(component, KOR_LOG_WARN)) {
-            _korLogger_LogExN_v3(component, nullptr, nullptr, KOR_LOG_WARN, task->exception, 0,
-                                 "Timer (0x%llx): Got exception from callback", address(timer));
-        }
-        return endRun(KOR_AT_D(depth, ex), task);
-    }
-    if (timer->state != running || task->cancelled || !task->repeating) {
+    if (timer->state != running || task->exception != nullptr || task->cancelled || !task->repeating) {
         return endRun(KOR_AT_D(depth, ex), task);
     }
     _placeTask(KOR_AT(ex, depth), timer, task, intervalOf(task));
@@ -289,12 +293,22 @@ bool recycle(uint8_t depth, korEx* ex, korTimerTask* task)
     return true;
 }
 
-// Called by the last release of a run, and of a task that is ended otherwise.
+// Called by the last release of a run, and of a task that is ended otherwise. A failure is logged when the mutex is
+// free again: a log may be slow.
 bool _timerTaskRecycling(korEx* ex, uint8_t depth, korJob* job)
 {
     KOR_EX_CHAINED(local, ex, depth); // an error that pends keeps no task from its place
-    MutexGuard guard(taskOf(job)->timer->mutex);
-    return recycle(KOR_AT_D(depth, &local), taskOf(job));
+    korTimerTask* task = taskOf(job);
+    korTimer* timer = task->timer;
+    korMutex_enter(timer->mutex);
+    bool lives = recycle(KOR_AT_D(depth, &local), task);
+    bool failed = timer->state == running && task->exception != nullptr;
+    korMutex_leave(timer->mutex);
+    if (!lives && failed && korLogger_isLoggable(component, KOR_LOG_WARN)) {
+        _korLogger_LogExN_v3(component, nullptr, nullptr, KOR_LOG_WARN, task->exception, 0,
+                             "Timer (0x%llx): Got exception from callback", address(timer));
+    }
+    return lives;
 }
 
 void endClosure(uint8_t depth, korEx* ex, korTimerDestroyCallback destroyCallback, void* closure)
