@@ -209,14 +209,14 @@ void _korExecutor_Open(korEx* ex, uint8_t depth)
 {
     _initGlobalExecutor(KOR_AT(ex, depth), internalSlot, clearsInternal, internalName, internalThreads);
     _initGlobalExecutor(KOR_AT(ex, depth), userSlot, clearsUser, userName, userThreads);
-    XXX
+    activeJob = _korThreadLocal_Create(KOR_AT(ex, depth), nullptr);
 }
 
 void _korExecutor_Close(uint8_t depth, korEx* ex)
 {
     internalSlot.close(KOR_AT_D(depth, ex), _destroyGlobalExecutor);
     userSlot.close(KOR_AT_D(depth, ex), _destroyGlobalExecutor);
-    XXX
+    _korThreadLocal_Destroy(KOR_AT_D(depth, ex), activeJob);
 }
 
 korExecutor* _korExecutor_GetGlobal(uint8_t depth, korEx* ex)

@@ -135,9 +135,10 @@ TEST_F(KorGlobalExecutorTest, ExistsWhileTheLibraryIsOpen)
 TEST_F(KorGlobalExecutorTest, ADrainWaitsForJobsButNotForItself)
 {
     _korutil_Open(KOR_AT(ex, 0), KORUTIL_LEVEL);
-    Semaphore gate;
+    Semaphore gate, begun;
     std::atomic<int> done = 0;
     Work waits = [&](korEx*, uint8_t) {
+        begun.release();
         gate.acquire();
         done++;
     };
@@ -149,6 +150,8 @@ TEST_F(KorGlobalExecutorTest, ADrainWaitsForJobsButNotForItself)
     };
     _korExecutor_RunSimpleTask(KOR_AT(ex, 0), call, &waits);
     _korExecutor_RunSimpleTask(KOR_AT(ex, 0), call, &waits);
+    begun.acquire();
+    begun.acquire(); // a job that no runner has yet is not waited for
     _korExecutor_RunSimpleTask(KOR_AT(ex, 0), call, &drains);
     std::vector<std::jthread> others;
     for (int i = 0; i < 2; i++) {

@@ -75,6 +75,7 @@ protected:
     {
         LoggerTest::SetUp();
         receive(receiver);
+        _korutil_Open(KOR_AT(ex, 0), KORUTIL_LEVEL);
         executor = _korExecutor_Create(KOR_AT(ex, 0));
         _korExecutor_Start(KOR_AT(ex, 0), executor);
         timer = _korTimer_Create(KOR_AT(ex, 0), executor, "test");
@@ -82,10 +83,11 @@ protected:
     }
     void TearDown() override
     {
-        _korTimer_Stop(KOR_AT_D(0, ex), timer);
+        stop();
         EXPECT_TRUE(_korTimer_Release(KOR_AT_D(0, ex), timer)) << "somebody still holds the timer";
         _korExecutor_Stop(KOR_AT_D(0, ex), executor);
         EXPECT_TRUE(_korExecutor_Release(KOR_AT_D(0, ex), executor)) << "somebody still holds the executor";
+        _korutil_Close(KOR_AT_D(0, ex));
         LoggerTest::TearDown();
         _korLogger_Uninitialize(KOR_AT_D(0, ex));
     }
@@ -95,6 +97,8 @@ protected:
         _korTimer_Start(KOR_AT(ex, 0), timer);
         ASSERT_CLEAN();
     }
+    /// Before the watches of a test go.
+    void stop() { _korTimer_Stop(KOR_AT_D(0, ex), timer); }
     uint64_t schedule(Watch& watch, int64_t delay, int64_t interval)
     {
         watch.interval = interval;
@@ -131,6 +135,7 @@ TEST_F(KorTimerTest, RunsOnceOrAgainAndNeverEarly)
         ran.acquire();
     }
     cancel(id);
+    stop();
     EXPECT_CLEAN();
     for (Watch& watch : once) {
         EXPECT_TRUE(watch.runs == 1 && watch.ends == 1 && !watch.early && !watch.broken && !watch.onDispatcher);
@@ -152,6 +157,7 @@ TEST_F(KorTimerTest, TasksOfTheTimeBeforeTheStartBeginAnIntervalAfterIt)
     ran.acquire();
     ran.acquire();
     ran.acquire();
+    stop();
     EXPECT_GE(again.runs, 2);
     EXPECT_FALSE(once.onDispatcher || again.onDispatcher);
 }
@@ -221,6 +227,7 @@ TEST_F(KorTimerTest, AnAdjustedTaskMoves)
     EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, "Negative values are not allowed");
     adjust(0, 1);
     EXPECT_CLEAN();
+    stop();
 }
 
 TEST_F(KorTimerTest, AFailingCallbackEndsItsTask)
@@ -257,8 +264,8 @@ TEST_F(KorTimerTest, RefusalsLeaveTheClosureAlone)
     EXPECT_EQ(watch.ends.exchange(0), 1);
     _korTimer_Start(KOR_AT(ex, 0), timer);
     EXPECT_RAISED(KOR_ERROR_ILLEGAL_STATE, "Timer not in the right state");
-    _korTimer_Stop(KOR_AT_D(0, ex), timer);
-    _korTimer_Stop(KOR_AT_D(0, ex), timer);
+    stop();
+    stop();
     _korTimer_Stop(KOR_AT_D(0, ex), nullptr);
     EXPECT_CLEAN();
     const char* gone = "Timer is stopping or has been stopped";
@@ -285,7 +292,7 @@ TEST_F(KorTimerTest, StopWaitsForWhatRunsAndStopNoWaitDoesNot)
     schedule(waits, never, 0);
     ran.acquire();
     std::jthread opener([this] { gate.release(); });
-    _korTimer_Stop(KOR_AT_D(0, ex), timer);
+    stop();
     EXPECT_TRUE(runs.runs == 1 && runs.ends == 1 && runs.inside == 0);
     EXPECT_TRUE(waits.runs == 0 && waits.ends == 1);
 
@@ -317,26 +324,6 @@ TEST_F(KorTimerTest, ACallbackStopsItsOwnTimer)
     _korExecutor_Stop(KOR_AT_D(0, ex), executor); // the task has given its reference back
 }
 
-TEST_F(KorTimerTest, TheGlobalTimerIsTheLibrarys)
-{
-    EXPECT_EQ(_korTimer_GetGlobal(KOR_AT_D(0, ex)), nullptr); // not open
-    EXPECT_CLEAN();
-    _korutil_Open(KOR_AT(ex, 0), KORUTIL_LEVEL);
-    korTimer* global = _korTimer_GetGlobal(KOR_AT_D(0, ex));
-    EXPECT_STREQ(global->name, "globalTimer");
-    _korTimer_Start(KOR_AT(ex, 0), global);
-    EXPECT_RAISED(KOR_ERROR_ILLEGAL_STATE, "Illegal to call _korTimer_Start on a global timer");
-    for (auto stop : {_korTimer_Stop, _korTimer_StopNoWait}) {
-        stop(KOR_AT_D(0, ex), global);
-        EXPECT_RAISED(KOR_ERROR_ILLEGAL_STATE, "Illegal to call _korTimer_Stop on a global timer");
-    }
-    Watch watch;
-    _korTimer_ScheduleTask(KOR_AT(ex, 0), global, Watch::run, Watch::end, &watch, never, 0);
-    _korutil_Close(KOR_AT_D(0, ex));
-    EXPECT_EQ(watch.ends, 1) << "the closing ends its tasks";
-    EXPECT_TRUE(_korTimer_Release(KOR_AT_D(0, ex), global));
-}
-
 TEST_F(KorTimerTest, AnExecutorThatIsGoneIsLoggedAndCostsOneShotsTheirLife)
 {
     _korExecutor_Stop(KOR_AT_D(0, ex), executor);
@@ -355,31 +342,33 @@ TEST_F(KorTimerTest, AnExecutorThatIsGoneIsLoggedAndCostsOneShotsTheirLife)
     EXPECT_NE(statements[1].find("): Error in timer thread\n"), std::string::npos) << statements[1];
 }
 
+// Once on a timer that is made and given up, and once on one that runs.
 TEST_F(KorTimerTest, EveryAllocationMayFail)
 {
-    uint64_t requests = sweepFailures(ex, [&] {
-        korTimer* own = _korTimer_Create(KOR_AT(ex, 0), executor, "sweep");
-        if (own == nullptr) {
-            EXPECT_TRUE(ex->code != KOR_ERROR_NO_MEMORY ||
-                        std::string(ex->description) == "No memory creating the timer");
-            return;
-        }
-        Watch early, watches[6];
-        uint64_t first = _korTimer_ScheduleTask(KOR_AT(ex, 0), own, Watch::run, Watch::end, &early, never, never);
-        _korTimer_Start(KOR_AT(ex, 0), own);
-        for (Watch& watch : watches) {
-            bool asked = ex->code == 0;
-            uint64_t id = _korTimer_ScheduleTask(KOR_AT(ex, 0), own, Watch::run, Watch::end, &watch, never, never);
-            EXPECT_EQ(watch.ends == 1, asked && id == 0) << "without memory the closure is ended, and only then";
-        }
-        if (own->thread == nullptr && first != 0) {
-            _korTimer_CancelTask(KOR_AT_D(0, ex), own, first);
-        }
-        _korTimer_Stop(KOR_AT_D(0, ex), own);
-        EXPECT_EQ(early.ends, 1);
-        EXPECT_TRUE(_korTimer_Release(KOR_AT_D(0, ex), own));
-    });
-    EXPECT_GT(requests, 15u);
+    start();
+    for (bool runs : {false, true}) {
+        uint64_t requests = sweepFailures(ex, [&] {
+            korTimer* own = runs ? timer : _korTimer_Create(KOR_AT(ex, 0), executor, "sweep");
+            if (own == nullptr) {
+                EXPECT_STREQ(ex->description, "No memory creating the timer");
+                return;
+            }
+            Watch watches[6];
+            for (Watch& watch : watches) {
+                bool asked = ex->code == 0;
+                uint64_t id = _korTimer_ScheduleTask(KOR_AT(ex, 0), own, Watch::run, Watch::end, &watch, never, 0);
+                EXPECT_EQ(watch.ends == 1, asked && id == 0) << "without memory the closure is ended, and only then";
+                watch.ends = 0;
+                EXPECT_TRUE(_korTimer_CancelTask(KOR_AT_D(0, ex), own, id));
+                EXPECT_EQ(watch.ends == 1, id != 0);
+            }
+            EXPECT_EQ(own->tasks->entryCount, 0u);
+            if (!runs) {
+                EXPECT_TRUE(_korTimer_Release(KOR_AT_D(0, ex), own));
+            }
+        });
+        EXPECT_GE(requests, runs ? 6u : 13u);
+    }
 }
 
 // Threads schedule, adjust and cancel what fires meanwhile. Each task ends once and never runs after that.
@@ -424,7 +413,7 @@ TEST_F(KorTimerTest, TasksAreCancelledAndAdjustedWhileTheyFire)
     for (size_t i = 0; i < watches.size(); i++) {
         ended.acquire();
     }
-    _korTimer_Stop(KOR_AT_D(0, ex), timer);
+    stop();
     EXPECT_TRUE(timer->runningTasks == 0 && timer->tasks->entryCount == 0);
     EXPECT_EQ(timer->lastTaskId, watches.size());
     int failed = 0;
@@ -435,6 +424,29 @@ TEST_F(KorTimerTest, TasksAreCancelledAndAdjustedWhileTheyFire)
     }
     EXPECT_GT(finished, 0);
     EXPECT_EQ(receiver.take().size(), static_cast<size_t>(failed)) << "each failure is logged, nothing else";
+}
+
+class KorGlobalTimerTest : public KorTest
+{};
+
+TEST_F(KorGlobalTimerTest, IsTheLibrarys)
+{
+    EXPECT_EQ(_korTimer_GetGlobal(KOR_AT_D(0, ex)), nullptr); // not open
+    EXPECT_CLEAN();
+    _korutil_Open(KOR_AT(ex, 0), KORUTIL_LEVEL);
+    korTimer* global = _korTimer_GetGlobal(KOR_AT_D(0, ex));
+    EXPECT_STREQ(global->name, "globalTimer");
+    _korTimer_Start(KOR_AT(ex, 0), global);
+    EXPECT_RAISED(KOR_ERROR_ILLEGAL_STATE, "Illegal to call _korTimer_Start on a global timer");
+    for (auto stop : {_korTimer_Stop, _korTimer_StopNoWait}) {
+        stop(KOR_AT_D(0, ex), global);
+        EXPECT_RAISED(KOR_ERROR_ILLEGAL_STATE, "Illegal to call _korTimer_Stop on a global timer");
+    }
+    Watch watch;
+    _korTimer_ScheduleTask(KOR_AT(ex, 0), global, Watch::run, Watch::end, &watch, never, 0);
+    _korutil_Close(KOR_AT_D(0, ex));
+    EXPECT_EQ(watch.ends, 1) << "the closing ends its tasks";
+    EXPECT_TRUE(_korTimer_Release(KOR_AT_D(0, ex), global));
 }
 
 // ---- Overruns -------------------------------------------------------------------------------------------------------

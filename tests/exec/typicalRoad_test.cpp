@@ -93,7 +93,7 @@ TEST_F(TypicalRoadTest, ARepeatingTaskFromItsScheduleToTheLog)
     traveller.ended.acquire();
     EXPECT_EQ(traveller.trouble, "");
     EXPECT_TRUE(traveller.runs == lastRun && traveller.ends == 1);
-    EXPECT_TRUE(std::regex_search(traveller.trace, std::regex("job_runner _timerTaskJobHandler .*callback $")))
+    EXPECT_TRUE(std::regex_search(traveller.trace, std::regex("^job_runner .*_timerTaskJobHandler callback $")))
         << traveller.trace;
     _korExecutor_DrainGlobalExecutors(KOR_AT_D(0, ex));
     EXPECT_EQ(_korExecutor_StartCountForType(KOR_AT(ex, 0), traveller.executor, 2), uint64_t{lastRun});
@@ -105,7 +105,8 @@ TEST_F(TypicalRoadTest, ARepeatingTaskFromItsScheduleToTheLog)
     Statements statements = receiver.take();
     ASSERT_EQ(statements.size(), 1u);
     std::regex expected("warn tmrs: Timer \\(0x[0-9a-f]+\\): Got exception from callback\\n"
-                        "[^]*run 3 found no file[^]*    callback, \\d+\\n[^]*");
+                        "[^]*File I/O error[^]*run 3 found no file[^]*\\tcallback, \\d+\\n"
+                        "\\t\\t_timerTaskJobHandler, \\d+\\n[^]*\\tjob_runner, \\d+\\n[^]*");
     EXPECT_TRUE(std::regex_match(statements[0], expected)) << statements[0];
 
     _korTimer_Release(KOR_AT_D(0, ex), timer);
