@@ -6,7 +6,6 @@
 #include "korutil/korAlloc.h"
 #include "korutil/korExecutor.h"
 #include "korutil/korProcess.h"
-#include "korutil/korThreadLocal.h"
 
 #include <atomic>
 #include <cstdio>
@@ -209,14 +208,14 @@ void _korExecutor_Open(korEx* ex, uint8_t depth)
 {
     _initGlobalExecutor(KOR_AT(ex, depth), internalSlot, clearsInternal, internalName, internalThreads);
     _initGlobalExecutor(KOR_AT(ex, depth), userSlot, clearsUser, userName, userThreads);
-    activeJob = _korThreadLocal_Create(KOR_AT(ex, depth), nullptr);
+    openActiveJob(KOR_AT(ex, depth));
 }
 
 void _korExecutor_Close(uint8_t depth, korEx* ex)
 {
     internalSlot.close(KOR_AT_D(depth, ex), _destroyGlobalExecutor);
     userSlot.close(KOR_AT_D(depth, ex), _destroyGlobalExecutor);
-    _korThreadLocal_Destroy(KOR_AT_D(depth, ex), activeJob);
+    closeActiveJob(KOR_AT_D(depth, ex));
 }
 
 korExecutor* _korExecutor_GetGlobal(uint8_t depth, korEx* ex)

@@ -244,8 +244,11 @@ void _korDpq_AddOrderedEx(korEx* ex, uint8_t depth, korDpq* queue, uint64_t valu
         KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, nullptr);
         return;
     }
-    if (!korDpq_reserve(KOR_AT(ex, depth), queue)) {
-        return;
+    if (static_cast<uint32_t>(queue->count) == queue->mask) {
+        _korDpq_Grow(KOR_AT(ex, depth), queue);
+        if (ex->code != 0) {
+            return;
+        }
     }
     int32_t found = _korDpq_FindOrdered(queue, value, compare);
     if (found >= 0 && duplicates == 0) {

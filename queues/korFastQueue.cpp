@@ -51,6 +51,7 @@ korFastQueue* _korFastQueue_Create(korEx* ex, uint8_t depth)
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, "No memory creating queue");
         return nullptr;
     }
+    dummy->next = nullptr;
     auto* queue = createAround<korFastQueue>(KOR_AT(ex, depth), dummy);
     if (queue == nullptr) {
         _kor_free(KOR_AT_D(depth, ex), dummy);

@@ -17,7 +17,7 @@ korSlowQueueNode* _createNode(korEx* ex, uint8_t depth, uint64_t value)
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, "No memory to create queue node");
         return nullptr;
     }
-    node->value = value;
+    *node = {.value = value, .next = nullptr};
     return node;
 }
 

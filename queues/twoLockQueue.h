@@ -28,12 +28,12 @@ private:
     korFastLock* lock_;
 };
 
-/// Zeroed memory of the heap, or NULL with nothing raised: the request runs on an exception object of its own, since
+/// Memory of the heap, or NULL with nothing raised: the request runs on an exception object of its own, since
 /// the allocator's error, which has no description, would stand before the caller's.
 inline void* allocate(korEx* ex, uint8_t depth, size_t size)
 {
     KOR_EX_PRIVATE(own, ex, depth);
-    return _kor_calloc(KOR_AT(&own, depth), 1, size);
+    return _kor_malloc(KOR_AT(&own, depth), size);
 }
 
 template <class Queue>
@@ -52,6 +52,7 @@ Queue* createAround(korEx* ex, uint8_t depth, Node* dummy)
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, "No memory creating queue");
         return nullptr;
     }
+    *queue = {};
     queue->head = dummy;
     queue->tail = dummy;
     _korFastLock_Init(KOR_AT_D(depth, ex), &queue->pushLock, 0);

@@ -44,11 +44,12 @@ Number load(const uint8_t* from)
 template <typename Number>
 bool put(uint8_t** cursor, const uint8_t* end, Number value)
 {
-    if (!hasRoom(*cursor, end, sizeof value)) {
+    uint8_t* to = *cursor; // bytes may alias the cursor itself: it is read once and written once
+    if (!hasRoom(to, end, sizeof value)) {
         return false;
     }
-    store(*cursor, value);
-    *cursor += sizeof value;
+    store(to, value);
+    *cursor = to + sizeof value;
     return true;
 }
 
@@ -99,11 +100,18 @@ bool takeRun(uint8_t** cursor, const uint8_t* end, void** data, int32_t length, 
 // ---- Header integers ------------------------------------------------------------------------------------------------
 
 constexpr int32_t widest = 9;
+constexpr uint64_t greatestHeader = INT64_MAX;
 
-// Each byte of a form holds seven bits. 10 for a value that no form holds.
+// How many forms of seven bits hold so many bits: the quotient rounded up, for 1 to 65 bits.
+int32_t sevens(int32_t bits)
+{
+    return (bits * 9 + 64) / 64;
+}
+
+// Each byte of a form holds seven bits.
 int32_t headerWidth(uint64_t value)
 {
-    return (static_cast<int32_t>(std::bit_width(value | 1)) + 6) / 7;
+    return sevens(static_cast<int32_t>(std::bit_width(value | 1)));
 }
 
 // Stores the first `size` bytes of a word, 1 to 8, and no byte more: two stores that overlap.
@@ -132,8 +140,11 @@ uint64_t loadFirst(const uint8_t* from, int32_t size)
     return *from;
 }
 
-void storeHeader(uint8_t* to, uint64_t value, int32_t width)
+// Always in line: with a constant width little is left of it.
+KOR_INLINE void storeHeader(uint8_t** cursor, uint64_t value, int32_t width)
 {
+    uint8_t* to = *cursor;
+    *cursor += width;
     if (width == widest) {
         *to = 0xff;
         store(to + 1, __builtin_bswap64(value));
@@ -144,13 +155,32 @@ void storeHeader(uint8_t* to, uint64_t value, int32_t width)
     storeFirst(to, __builtin_bswap64(field << (64 - 8 * width)), width);
 }
 
-uint64_t loadHeader(const uint8_t* from, int32_t width)
+// A field that lies before the end. Far enough before it a whole word is loaded, whatever the width.
+uint64_t loadHeader(const uint8_t* from, const uint8_t* end, int32_t width)
 {
     if (width == widest) {
         return __builtin_bswap64(load<uint64_t>(from + 1));
     }
-    uint64_t field = __builtin_bswap64(loadFirst(from, width)) >> (64 - 8 * width);
+    uint64_t word = hasRoom(from, end, sizeof word) ? load<uint64_t>(from) : loadFirst(from, width);
+    uint64_t field = __builtin_bswap64(word) >> (64 - 8 * width);
     return field & ((uint64_t{1} << (7 * width)) - 1);
+}
+
+// Writes the shortest form from `width` up that holds the value, and gives its width, or 0 if it has no room. A
+// comparison for each form, with constants behind it, is quicker than one computation for all: values are small.
+template <int32_t width>
+int32_t putHeader(uint8_t** cursor, const uint8_t* end, uint64_t value)
+{
+    if constexpr (width < widest) {
+        if (value >> (7 * width) != 0) {
+            return putHeader<width + 1>(cursor, end, value);
+        }
+    }
+    if (!hasRoom(*cursor, end, width)) {
+        return 0;
+    }
+    storeHeader(cursor, value, width);
+    return width;
 }
 
 // ---- Variable integers ----------------------------------------------------------------------------------------------
@@ -159,7 +189,7 @@ uint64_t loadHeader(const uint8_t* from, int32_t width)
 int32_t varWidth(int64_t value)
 {
     uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
-    return std::min(static_cast<int32_t>(std::bit_width(magnitude)) / 7 + 1, widest);
+    return std::min(sevens(static_cast<int32_t>(std::bit_width(magnitude)) + 1), widest);
 }
 
 // The word at the cursor, with zeros for what may not be read.
@@ -203,10 +233,11 @@ void buildLevel(uint8_t* level, const uint8_t* below, int64_t sizeBelow)
 // The occupancy levels of an array, level 0. They lie one before the other in front of `scratchEnd`.
 struct Tree {
     const uint8_t* leaves;
+    const uint8_t* leavesEnd;
     uint8_t* level[maxLevels]; // from 1 up; the top one has one byte
     int32_t levels;
 
-    Tree(const uint8_t* bytes, int64_t count, uint8_t* scratchEnd) : leaves(bytes), levels(1)
+    Tree(const uint8_t* bytes, int64_t count, uint8_t* scratchEnd) : leaves(bytes), leavesEnd(bytes + count), levels(1)
     {
         const uint8_t* below = bytes;
         for (int64_t size = count; size > 1; levels++) {
@@ -227,6 +258,18 @@ int32_t takeBit(uint8_t* node)
     return bit;
 }
 
+// Writes those of the eight leaves in a word that are not zero. What is no branch cannot be mispredicted: each leaf is
+// stored, and a zero is stored over by the next one.
+uint8_t* writeLeaves(uint64_t leaves, uint8_t* to)
+{
+    for (int32_t i = 0; i < 8; i++) {
+        auto leaf = static_cast<uint8_t>(leaves >> (8 * i));
+        *to = leaf;
+        to += leaf != 0 ? 1 : 0;
+    }
+    return to;
+}
+
 // Writes the nodes depth first, each as it is reached; the tree is used up by that.
 uint8_t* writeNodes(const Tree& tree, uint8_t* to)
 {
@@ -239,20 +282,56 @@ uint8_t* writeNodes(const Tree& tree, uint8_t* to)
     index[at] = 0;
     *to++ = *tree.level[at];
     while (at < tree.levels) {
+        if (at == 1) {
+            to = writeLeaves(loadBounded(tree.leaves + index[1] * 8, tree.leavesEnd, tree.leavesEnd), to);
+            at++;
+            continue;
+        }
         uint8_t* node = tree.level[at] + index[at];
         if (*node == 0) {
             at++;
             continue;
         }
         int64_t child = index[at] * 8 + takeBit(node);
-        if (at == 1) {
-            *to++ = tree.leaves[child];
-        } else {
-            index[--at] = child;
-            *to++ = tree.level[at][child];
-        }
+        index[--at] = child;
+        *to++ = tree.level[at][child];
     }
     return to;
+}
+
+// Reads those of eight elements that have a bit in the node, where there are eight bytes and elements at least, and
+// gives how many they are. No branch here either.
+int32_t spreadLeaves(const uint8_t* from, uint8_t node, uint8_t* elements)
+{
+    uint64_t word = 0;
+    int32_t read = 0;
+    for (int32_t i = 0; i < 8; i++) {
+        int32_t bit = node >> (7 - i) & 1;
+        word |= static_cast<uint64_t>(from[read] & -bit) << (8 * i);
+        read += bit;
+    }
+    store(elements, word);
+    return read;
+}
+
+// Reads the leaves of a node, whose first element is `first`. False if the bytes end early.
+bool readLeaves(uint8_t** cursor, const uint8_t* end, uint8_t node, uint8_t* bytes, int64_t first, int64_t count)
+{
+    if (first + 8 <= count && hasRoom(*cursor, end, 8)) {
+        *cursor += spreadLeaves(*cursor, node, bytes + first);
+        return true;
+    }
+    while (node != 0) {
+        int64_t element = first + takeBit(&node);
+        uint8_t leaf;
+        if (!take(cursor, end, &leaf)) {
+            return false;
+        }
+        if (element < count) {
+            bytes[element] = leaf;
+        }
+    }
+    return true;
 }
 
 // Reads the nodes below the one on level `top`, 1 or higher. False if the bytes end early.
@@ -264,20 +343,22 @@ bool readNodes(uint8_t** cursor, const uint8_t* end, int32_t top, uint8_t topNod
     node[at] = topNode;
     first[at] = 0;
     while (at <= top) {
+        if (at == 1) {
+            if (!readLeaves(cursor, end, node[1], bytes, first[1], count)) {
+                return false;
+            }
+            at++;
+            continue;
+        }
         if (node[at] == 0) {
             at++;
             continue;
         }
         int64_t element = first[at] + (static_cast<int64_t>(takeBit(&node[at])) << (3 * (at - 1)));
-        uint8_t child;
-        if (!take(cursor, end, &child)) {
+        at--;
+        first[at] = element;
+        if (!take(cursor, end, &node[at])) {
             return false;
-        }
-        if (at > 1) {
-            node[--at] = child;
-            first[at] = element;
-        } else if (element < count) {
-            bytes[element] = child;
         }
     }
     return true;
@@ -433,8 +514,8 @@ int32_t _korBuf_ReadHeaderIntImpl(korEx* ex, uint8_t depth, uint8_t** cursor, co
         KOR_RAISE(ex, depth, KOR_ERROR_END_OF_BUFFER, bufferTooSmall);
         return 0;
     }
-    uint64_t read = loadHeader(*cursor, width);
-    if (headerWidth(read) > widest) {
+    uint64_t read = loadHeader(*cursor, end, width);
+    if (read > greatestHeader) {
         *value = 0;
         KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, illegalValue);
         return 0;
@@ -449,17 +530,14 @@ int32_t _korBuf_WriteHeaderIntImpl(korEx* ex, uint8_t depth, uint8_t** cursor, c
     if (ex->code != 0) {
         return 0;
     }
-    int32_t width = headerWidth(value);
-    if (width > widest) {
+    if (value > greatestHeader) {
         KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, illegalValue);
         return 0;
     }
-    if (!hasRoom(*cursor, end, width)) {
+    int32_t width = putHeader<1>(cursor, end, value);
+    if (width == 0) {
         KOR_RAISE(ex, depth, KOR_ERROR_END_OF_BUFFER, bufferTooSmall);
-        return 0;
     }
-    storeHeader(*cursor, value, width);
-    *cursor += width;
     return width;
 }
 
@@ -474,12 +552,11 @@ int32_t _korBuf_WriteHeaderIntExpanded(korEx* ex, uint8_t depth, uint8_t** curso
         return 0;
     }
     int32_t width = std::max(headerWidth(value), std::min(minimumWidth, widest));
-    if (width > widest) {
+    if (value > greatestHeader) {
         KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, illegalValue);
         return 0;
     }
-    storeHeader(*cursor, value, width);
-    *cursor += width;
+    storeHeader(cursor, value, width);
     return width;
 }
 
@@ -488,12 +565,11 @@ int32_t _korBuf_HeaderIntWireSizeImpl(korEx* ex, uint8_t depth, uint64_t value)
     if (ex->code != 0) {
         return 0;
     }
-    int32_t width = headerWidth(value);
-    if (width > widest) {
+    if (value > greatestHeader) {
         KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, illegalValue);
         return 0;
     }
-    return width;
+    return headerWidth(value);
 }
 
 // ---- Variable integers ----------------------------------------------------------------------------------------------
@@ -533,14 +609,15 @@ int32_t _korBuf_WriteVarInt(korEx* ex, uint8_t depth, uint8_t** cursor, const ui
         return 0;
     }
     int32_t width = varWidth(value);
+    uint8_t* to = *cursor;
+    *cursor += width;
     auto word = static_cast<uint64_t>(value);
     if (width < 8) {
-        store(*cursor, word << width | ((uint64_t{1} << (width - 1)) - 1));
+        store(to, word << width | ((uint64_t{1} << (width - 1)) - 1));
     } else {
-        **cursor = width == widest ? 0xff : 0x7f;
-        store(*cursor + 1, word);
+        *to = width == widest ? 0xff : 0x7f;
+        store(to + 1, word);
     }
-    *cursor += width;
     return width;
 }
 

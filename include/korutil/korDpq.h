@@ -75,35 +75,34 @@ KOR_INLINE int32_t korDpq_wrap(const korDpq* queue, uint32_t position)
     return (int32_t)(position & queue->mask);
 }
 
-/// Makes room for one more value. False if there is none, with the error in `ex`, or if an error was pending.
-KOR_INLINE bool korDpq_reserve(korEx* ex, uint8_t depth, korDpq* queue)
+/// Appends a value. Does nothing with an error pending. Code 2: nothing is stored.
+KOR_INLINE void _korDpq_Push(korEx* ex, uint8_t depth, korDpq* queue, uint64_t value)
 {
     if (KOR_UNLIKELY((uint32_t)queue->count == queue->mask)) {
         _korDpq_Grow(KOR_AT(ex, depth), queue);
     }
-    return ex->code == 0;
-}
-
-/// Appends a value. Does nothing with an error pending. Code 2: nothing is stored.
-KOR_INLINE void _korDpq_Push(korEx* ex, uint8_t depth, korDpq* queue, uint64_t value)
-{
-    if (korDpq_reserve(KOR_AT(ex, depth), queue)) {
-        if (queue->count++ > 0) {
-            queue->last = korDpq_wrap(queue, (uint32_t)queue->last + 1);
-        }
-        queue->items[queue->last] = value;
+    if (ex->code != 0) {
+        return;
     }
+    if (queue->count++ > 0) {
+        queue->last = korDpq_wrap(queue, (uint32_t)queue->last + 1);
+    }
+    queue->items[queue->last] = value;
 }
 
 /// Puts a value in front of all others. Does nothing with an error pending. Code 2: nothing is stored.
 KOR_INLINE void _korDpq_PushFirst(korEx* ex, uint8_t depth, korDpq* queue, uint64_t value)
 {
-    if (korDpq_reserve(KOR_AT(ex, depth), queue)) {
-        if (queue->count++ > 0) {
-            queue->first = korDpq_wrap(queue, (uint32_t)queue->first - 1);
-        }
-        queue->items[queue->first] = value;
+    if (KOR_UNLIKELY((uint32_t)queue->count == queue->mask)) {
+        _korDpq_Grow(KOR_AT(ex, depth), queue);
     }
+    if (ex->code != 0) {
+        return;
+    }
+    if (queue->count++ > 0) {
+        queue->first = korDpq_wrap(queue, (uint32_t)queue->first - 1);
+    }
+    queue->items[queue->first] = value;
 }
 
 /// Takes the first value, or gives 0 if there is none.

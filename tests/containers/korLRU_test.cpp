@@ -1,0 +1,84 @@
+// korLRU_test.cpp - the list in the order of last use, against std::list.
+
+#include "korutil/korLRU.h"
+#include "support/korTest.h"
+
+#include <algorithm>
+#include <list>
+#include <vector>
+
+using kor::test::Random;
+
+namespace {
+
+std::list<korLRUItem*> walk(const korLRU* lru)
+{
+    std::list<korLRUItem*> items;
+    for (korLRUItem* item = _korLRU_Last(lru); item != nullptr; item = _korLRU_Prev(item)) {
+        items.push_back(item);
+    }
+    return items;
+}
+
+TEST(KorLRU, AgainstAModel)
+{
+    Random random;
+    korLRU lru;
+    _korLRU_Init(&lru);
+    std::vector<korLRUItem> items(12);
+    std::list<korLRUItem*> model; // the oldest first
+    for (int round = 0; round < 5000; round++) {
+        korLRUItem* item = &items[random.below(items.size())];
+        bool listed = std::find(model.begin(), model.end(), item) != model.end();
+        ASSERT_EQ(item->prev != nullptr, listed);
+        switch (random.below(4)) {
+        case 0:
+            _korLRU_Add(&lru, item); // one that is there stays where it is
+            if (!listed) {
+                model.push_back(item);
+            }
+            break;
+        case 1:
+            _korLRU_Use(&lru, item);
+            model.remove(item);
+            model.push_back(item);
+            break;
+        case 2:
+            _korLRU_Remove(&lru, item);
+            model.remove(item);
+            break;
+        default:
+            ASSERT_EQ(_korLRU_RemoveLast(&lru), model.empty() ? nullptr : model.front());
+            if (!model.empty()) {
+                model.pop_front();
+            }
+        }
+        ASSERT_EQ(lru.count, static_cast<int64_t>(model.size()));
+        ASSERT_EQ(walk(&lru), model);
+        ASSERT_TRUE(lru.tailNext == nullptr && lru.headPrev == nullptr);
+    }
+    auto before = walk(&lru);
+    _korLRU_Clear(&lru);
+    EXPECT_EQ(walk(&lru), before);
+}
+
+TEST(KorLRU, NothingIsDoneToNothing)
+{
+    korLRU lru;
+    korLRUItem item = {};
+    _korLRU_Init(&lru);
+    _korLRU_Init(nullptr);
+    _korLRU_Clear(nullptr);
+    for (auto operation : {_korLRU_Add, _korLRU_Use, _korLRU_Remove}) {
+        operation(nullptr, &item);
+        operation(&lru, nullptr);
+        operation(nullptr, nullptr);
+    }
+    EXPECT_TRUE(lru.count == 0 && item.next == nullptr && item.prev == nullptr);
+    EXPECT_EQ(_korLRU_RemoveLast(nullptr), nullptr);
+    EXPECT_EQ(_korLRU_Last(nullptr), nullptr);
+    EXPECT_EQ(_korLRU_Prev(nullptr), nullptr);
+    EXPECT_EQ(_korLRU_Prev(&item), nullptr);
+}
+
+} // namespace
