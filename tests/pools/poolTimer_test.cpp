@@ -40,6 +40,7 @@ protected:
         _korutil_Open(KOR_AT(ex, 0), KORUTIL_LEVEL);
         pool = _korPool_Create(KOR_AT(ex, 0), perBlock, 16, nullptr, endChunk, 1, perBlock);
         ASSERT_CLEAN();
+        receiver.take(); // what the opening says at this level
     }
     void TearDown() override
     {
