@@ -67,7 +67,7 @@ protected:
         recycled = 0;
     }
 
-    void start(uint32_t runners, int32_t spinCount)
+    void start(int32_t runners, int32_t spinCount)
     {
         executor = _korExecutor_Create(KOR_AT(ex, 0));
         _korExecutor_SetPoolSize(KOR_AT(ex, 0), executor, runners);
@@ -148,27 +148,34 @@ void produce(korEx* ex, korExecutor* executor, std::mt19937& random, Tally* tall
     for (int i = 0; i < jobsPerProducer; i++) {
         korJob* job = makeWork(ex);
         tally->handedOver++;
-        unsigned way = random() % 5;
+        auto way = random() % 5;
         if (way == 0) {
             _korJob_RunAndForget(KOR_AT(ex, 0), executor, job);
             continue;
         }
         EXPECT_EQ(_korJob_Run(KOR_AT(ex, 0), executor, job), job);
         switch (way) {
-        case 1: fetch(ex, job); break;
-        case 2: fetchPatiently(ex, job); break;
-        case 3: cancel(ex, job, false, tally); break;
-        default: cancel(ex, job, true, tally); break;
+        case 1:
+            fetch(ex, job);
+            break;
+        case 2:
+            fetchPatiently(ex, job);
+            break;
+        case 3:
+            cancel(ex, job, false, tally);
+            break;
+        default:
+            cancel(ex, job, true, tally);
+            break;
         }
     }
 }
 
-class ExecStressRunners : public ExecStress, public testing::WithParamInterface<std::pair<uint32_t, int32_t>>
-{
-};
+class ExecStressRunners : public ExecStress, public testing::WithParamInterface<std::pair<int32_t, int32_t>>
+{};
 
 INSTANTIATE_TEST_SUITE_P(RunnersAndSpins, ExecStressRunners,
-                         testing::Values(std::pair(1U, 0), std::pair(3U, 0), std::pair(2U, 500)));
+                         testing::Values(std::pair(1, 0), std::pair(3, 0), std::pair(2, 500)));
 
 TEST_P(ExecStressRunners, everyJobEndsExactlyOnce)
 {
@@ -322,16 +329,24 @@ TEST_F(ExecStress, oneGroupManyProducersAndFetchers)
     expectGone();
 }
 
-// Runners reap from the front while jobs are added, cancelled and joined.
+void countRun(korEx*, uint8_t, void*)
+{
+    ran++;
+}
+
+// Runners reap from the front while tasks are added, cancelled and joined.
 TEST_F(ExecStress, aGroupThatReapsItselfIsJoinedEmpty)
 {
     start(3, 0);
     korJobGroup* group = _korJobGroup_Create(KOR_AT(ex, 0), executor, 1);
     together(producers, [&](korEx* own, int number) {
         for (int i = 0; i < jobsPerProducer; i++) {
-            _korJobGroup_Run(KOR_AT(own, 0), group, makeWork(own));
+            _korExecutor_RunSimpleTaskWithGroup(KOR_AT(own, 0), group, countRun, nullptr, nullptr);
             if (number == 0 && i % 100 == 0) {
-                _korJobGroup_Cancel(KOR_AT(own, 0), group, 0);
+                _korJobGroup_Cancel(KOR_AT(own, 0), group, i % 200 == 0);
+            }
+            if (number == 1 && i % 1000 == 0) {
+                _korJobGroup_Join(KOR_AT(own, 0), group);
             }
         }
     });
@@ -339,8 +354,10 @@ TEST_F(ExecStress, aGroupThatReapsItselfIsJoinedEmpty)
     EXPECT_TRUE(_korJobGroup_IsEmpty(KOR_AT(ex, 0), group));
     stop();
     constexpr uint64_t all = static_cast<uint64_t>(producers) * jobsPerProducer;
-    uint64_t cancelled = _korExecutor_CancelCountForType(KOR_AT(ex, 0), executor, 1);
+    constexpr uint32_t simple = 3;
+    uint64_t cancelled = _korExecutor_CancelCountForType(KOR_AT(ex, 0), executor, simple);
     EXPECT_EQ(static_cast<uint64_t>(ran) + cancelled, all);
+    EXPECT_EQ(_korExecutor_FinishCountForType(KOR_AT(ex, 0), executor, simple), static_cast<uint64_t>(ran));
     EXPECT_TRUE(_korJobGroup_Release(KOR_AT_D(0, ex), group));
     expectGone();
 }
