@@ -13,6 +13,7 @@
 #include "korutil/korMutex.h"
 #include "korutil/korObjectMap.h"
 #include "korutil/korRefDpa.h"
+#include "korutil/korSocket.h"
 #include "korutil/korThread.h"
 #include "korutil/korTimer.h"
 #include "platform/entry.h"
@@ -73,12 +74,14 @@ void startSubsystems(korEx* ex, uint8_t depth)
     _korTimer_Open(KOR_AT(ex, depth));
     _korBuffer_CreatePool(KOR_AT(ex, depth));
     _korRefDpa_Open(KOR_AT(ex, depth));
+    _korSocket_Startup(KOR_AT(ex, depth));
 }
 
 // Not the start backwards: mutexes, the object map, the threads' module and counted arrays have no stop, so that a
 // later open finds them.
 void stopSubsystems(uint8_t depth, korEx* ex)
 {
+    _korSocket_Cleanup(KOR_AT_D(depth, ex));
     _korBuffer_DestroyPool(KOR_AT(ex, depth));
     _korTimer_Close(KOR_AT_D(depth, ex));
     _korExecutor_Close(KOR_AT_D(depth, ex));

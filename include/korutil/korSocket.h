@@ -53,7 +53,7 @@ KOR_DATA korConnectEx ConnectEx;
 
 // ---- Start and stop -------------------------------------------------------------------------------------------------
 
-/// Makes sockets usable, and fills ConnectEx. Called as the library starts. Errors: 6 "WSAStartup", "socket",
+/// Makes sockets usable, and fills ConnectEx. Called as the library starts. Errors: 6 "WSAStartup",
 /// "WSAIoctl", on Windows only.
 KOR_API void _korSocket_Startup(korEx* ex, uint8_t depth);
 

@@ -1,0 +1,24 @@
+// resolver.h - the system's resolver: names to addresses and back. Its numbers are results, not the last error.
+
+#pragma once
+
+#include "platform/socket.h"
+
+namespace kor::platform {
+
+// Numbers of the resolver that a rule compares with; errorText knows them all.
+extern const int32_t resolverNotFound; ///< there is no such host
+extern const int32_t resolverTryAgain; ///< a name server fails for the time being
+
+/// Asks for the addresses of a host and a service: 0 and a list, or the resolver's number. A numeric host is not held
+/// against the families that this machine is configured for.
+int32_t resolve(const char* host, const char* service, const addrinfo* hints, addrinfo** list);
+void freeResolved(addrinfo* list);
+
+/// Host and service of an address as text; either buffer may be NULL with size 0. 0, or the resolver's number.
+int32_t addressText(const sockaddr* address, int32_t length, char* host, uint32_t hostSize, char* service,
+                    uint32_t serviceSize, int32_t flags);
+
+bool hostName(char* buffer, uint32_t size); ///< false, and the last socket error, if it does not fit, for instance
+
+} // namespace kor::platform
