@@ -84,8 +84,8 @@ protected:
     void TearDown() override
     {
         stop();
+        _korExecutor_Stop(KOR_AT_D(0, ex), executor); // behind it no runner is still giving up a task
         EXPECT_TRUE(_korTimer_Release(KOR_AT_D(0, ex), timer)) << "somebody still holds the timer";
-        _korExecutor_Stop(KOR_AT_D(0, ex), executor);
         EXPECT_TRUE(_korExecutor_Release(KOR_AT_D(0, ex), executor)) << "somebody still holds the executor";
         _korutil_Close(KOR_AT_D(0, ex));
         LoggerTest::TearDown();
