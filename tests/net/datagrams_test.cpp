@@ -108,6 +108,9 @@ TEST_F(DatagramTest, BindingAndItsFallBack)
     OwnedSocket unbound = open({.bind = false});
     EXPECT_EQ(option(unbound, SOL_SOCKET, SO_REUSEADDR), 0);
     EXPECT_CLEAN();
+    OwnedSocket missing;
+    _korSocket_OpenUdpAddr(KOR_AT(ex, 0), &missing, nullptr, 1, 1, 1, 1, 1);
+    EXPECT_RAISED(1, "address is missing");
     uint16_t port = freePort();
     constexpr uint32_t foreign = 0x010200C0; // 192.0.2.1, nobody's
     OwnedSocket refused = open({.address = foreign, .port = port});
@@ -123,9 +126,6 @@ TEST_F(DatagramTest, BindingAndItsFallBack)
     EXPECT_EQ(nameOf(fallen).narrow.sin_port, port);
     EXPECT_NE(openAt(loopback(AF_INET, port), true), _korSocketInvalid); // handed out, though its port is taken
     EXPECT_RAISED(6, "bind");
-    OwnedSocket missing;
-    _korSocket_OpenUdpAddr(KOR_AT(ex, 0), &missing, nullptr, 1, 1, 1, 1, 1);
-    EXPECT_RAISED(1, "address is missing");
 }
 
 TEST_F(DatagramTest, APortMayBeShared)
