@@ -91,6 +91,7 @@ bool listInterfaces(Ipv4Interface (&list)[maxInterfaces], uint32_t* count)
 int32_t walkAdapters(AdapterVisit visit, void* context)
 {
     ifaddrs* list = nullptr;
+    errno = ENOMEM; // a failure that is no system call's is the heap's
     if (getifaddrs(&list) != 0) {
         return errno;
     }
