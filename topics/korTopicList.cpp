@@ -41,8 +41,8 @@ Pools* poolsOf(korTopicList* list)
 
 void freePools(uint8_t depth, korEx* ex, Pools* pools)
 {
-    for (korPool* pool : {pools->dpaArray, pools->dpa, pools->hashEntry, pools->hash, pools->token, pools->node,
-                          pools->level}) {
+    for (korPool* pool :
+         {pools->dpaArray, pools->dpa, pools->hashEntry, pools->hash, pools->token, pools->node, pools->level}) {
         _korPool_Destroy(KOR_AT_D(depth, ex), pool);
     }
     *pools = {};
@@ -168,10 +168,17 @@ void destroyValues(uint8_t depth, korEx* ex, korTopicList* list, korTopicNode* n
 void _korTopicList_DestroyLevel(uint8_t depth, korEx* ex, korTopicList* list, korTopicLevel* level)
 {
     korTopicNode* above = nullptr;
-    beginWalk(level);
+    korTopicNode* node = firstNode(level);
     for (;;) {
-        korTopicNode* node = nextNode(level);
-        if (node == nullptr) {
+        if (node != nullptr) {
+            destroyValues(KOR_AT_D(depth, ex), list, node);
+            if (node->childLevel != nullptr) {
+                above = node;
+                level = node->childLevel;
+                node = firstNode(level);
+                continue;
+            }
+        } else {
             dropLevel(KOR_AT_D(depth, ex), list, level);
             if (above == nullptr) {
                 return;
@@ -179,16 +186,9 @@ void _korTopicList_DestroyLevel(uint8_t depth, korEx* ex, korTopicList* list, ko
             node = above;
             above = node->parent;
             level = levelOf(list, node);
-        } else {
-            destroyValues(KOR_AT_D(depth, ex), list, node);
-            if (node->childLevel != nullptr) {
-                above = node;
-                level = node->childLevel;
-                beginWalk(level);
-                continue;
-            }
         }
         destroyNode(KOR_AT_D(depth, ex), list, node); // the walk over its level does not look at its key again
+        node = nextNode(level);
     }
 }
 

@@ -19,8 +19,9 @@ namespace {
 // What to do at a place that a query comes back to; kept in the low bits of the place's address.
 enum Place : uint64_t {
     throughNode = 0,  // a node: its values if "#" follows, then the level below it
-    walkOn = 1,       // a level: the rest of its nodes, each met by a "+" of the query
-    narrowLiteral = 2 // a level: the literal node of the token that stands there
+    walkFrom = 1,     // a level: its nodes, each met by a "+" of the query
+    walkOn = 2,       // a level: the rest of its nodes
+    narrowLiteral = 3 // a level: the literal node of the token that stands there
 };
 constexpr uint64_t placeBits = 3;
 
@@ -55,6 +56,12 @@ Return topReturn(const korTopicList* list)
             reinterpret_cast<const char*>(list->tokenStack->items[top])};
 }
 
+void changeTop(korTopicList* list, Place place)
+{
+    uint64_t& top = list->levelStack->items[list->levelStack->count - 1];
+    top = (top & ~placeBits) | place;
+}
+
 void dropReturn(korTopicList* list)
 {
     list->levelStack->count--;
@@ -86,15 +93,15 @@ void _korTopicList_AddAll(korEx* ex, uint8_t depth, korTopicList* list, const ko
 {
     const korTopicNode* above = nullptr;
     const korTopicLevel* first = level;
-    beginWalk(level);
+    const korTopicNode* node = firstNode(level);
     while (ex->code == 0) {
-        const korTopicNode* node = nextNode(level);
         if (node != nullptr) {
             addValues(KOR_AT(ex, depth), list, node);
             if (node->childLevel != nullptr) {
                 above = node;
                 level = node->childLevel;
-                beginWalk(level);
+                node = firstNode(level);
+                continue;
             }
         } else if (level == first) {
             return;
@@ -102,6 +109,7 @@ void _korTopicList_AddAll(korEx* ex, uint8_t depth, korTopicList* list, const ko
             level = levelOf(list, above);
             above = above->parent;
         }
+        node = nextNode(level);
     }
 }
 
@@ -117,8 +125,7 @@ void _korTopicList_GetLevel(korEx* ex, uint8_t depth, korTopicList* list, const 
             return;
         }
         if (isPlus(token)) {
-            beginWalk(level);
-            comeBack(KOR_AT(ex, depth), list, walkOn, level, token.next);
+            comeBack(KOR_AT(ex, depth), list, walkFrom, level, token.next);
             return;
         }
         addValues(KOR_AT(ex, depth), list, level->hashNode);
@@ -156,17 +163,13 @@ void _korTopicList_GetLevel(korEx* ex, uint8_t depth, korTopicList* list, const 
     }
 }
 
-// The next node of a level whose nodes all meet a "+" of the query. False at the end of the level.
-bool _korTopicList_ProcessWildcardToken(korEx* ex, uint8_t depth, korTopicList* list, const korTopicLevel* level,
-                                        const char* rest)
+// A node of a level whose nodes all meet a "+" of the query.
+void _korTopicList_ProcessWildcardToken(korEx* ex, uint8_t depth, korTopicList* list, const korTopicLevel* level,
+                                        const korTopicNode* node, const char* rest)
 {
-    const korTopicNode* node = nextNode(level);
-    if (node == nullptr) {
-        return false;
-    }
     if (rest == nullptr || node == level->hashNode) {
         addValues(KOR_AT(ex, depth), list, node);
-        return true;
+        return;
     }
     if (onlyHash(rest)) {
         addValues(KOR_AT(ex, depth), list, node);
@@ -174,7 +177,6 @@ bool _korTopicList_ProcessWildcardToken(korEx* ex, uint8_t depth, korTopicList* 
     if (node->childLevel != nullptr) {
         _korTopicList_GetLevel(KOR_AT(ex, depth), list, node->childLevel, rest);
     }
-    return true;
 }
 
 void goThrough(korEx* ex, uint8_t depth, korTopicList* list, const korTopicNode* node, const char* rest)
@@ -185,6 +187,19 @@ void goThrough(korEx* ex, uint8_t depth, korTopicList* list, const korTopicNode*
     _korTopicList_GetLevel(KOR_AT(ex, depth), list, node->childLevel, rest);
 }
 
+// One node of a walk. What it leads to goes on top of the walk, and is done before the next one.
+void walkStep(korEx* ex, uint8_t depth, korTopicList* list, const Return& walk)
+{
+    const auto* level = reinterpret_cast<const korTopicLevel*>(walk.address);
+    const korTopicNode* node = walk.place == walkFrom ? firstNode(level) : nextNode(level);
+    if (node == nullptr) {
+        dropReturn(list);
+        return;
+    }
+    changeTop(list, walkOn);
+    _korTopicList_ProcessWildcardToken(KOR_AT(ex, depth), list, level, node, walk.rest);
+}
+
 void finishGet(korEx* ex, uint8_t depth, korTopicList* list)
 {
     while (hasReturn(ex, list)) {
@@ -192,12 +207,8 @@ void finishGet(korEx* ex, uint8_t depth, korTopicList* list)
         if (back.place == throughNode) {
             dropReturn(list);
             goThrough(KOR_AT(ex, depth), list, reinterpret_cast<const korTopicNode*>(back.address), back.rest);
-            continue;
-        }
-        const auto* level = reinterpret_cast<const korTopicLevel*>(back.address);
-        // What the node leads to goes on top of the walk, and is done before its next step.
-        if (!_korTopicList_ProcessWildcardToken(KOR_AT(ex, depth), list, level, back.rest)) {
-            dropReturn(list);
+        } else {
+            walkStep(KOR_AT(ex, depth), list, back);
         }
     }
 }

@@ -59,13 +59,16 @@ inline korTopicLevel* levelOf(const korTopicList* list, const korTopicNode* node
     return node->parent == nullptr ? list->rootLevel : node->parent->childLevel;
 }
 
-/// Begins a walk over a level's nodes. A walk that was left for the levels below goes on where it was.
-inline void beginWalk(const korTopicLevel* level)
+/// Begins a walk over a level's nodes; NULL if there are none.
+inline korTopicNode* firstNode(const korTopicLevel* level)
 {
     korHashIterator walk;
+    uint64_t node;
     _korHash_IteratorInit(level->nodes, &walk);
+    return _korHash_Next(&walk, nullptr, nullptr, &node) ? reinterpret_cast<korTopicNode*>(node) : nullptr;
 }
 
+/// Goes on with it; NULL at the end. The place is kept in the table: a walk can be left for the levels below.
 inline korTopicNode* nextNode(const korTopicLevel* level)
 {
     korHashIterator walk = {level->nodes, 0};

@@ -2,8 +2,8 @@
 //
 // A topic is a text of tokens with "/" between them; every "/" begins a further token, which may be empty. A token of
 // exactly "+" stands for any one token, one of exactly "#" for all that follow, at least one. Nothing is validated:
-// tokens may be of any number and length, and "#" may stand anywhere. Values are opaque 64-bit numbers; a topic may hold
-// any number of them, the same one more than once.
+// tokens may be of any number and length, and "#" may stand anywhere. Values are opaque 64-bit numbers; a topic may
+// hold any number of them, the same one more than once.
 //
 //     korTopicList* list = _korTopicList_CreatePooled(KOR_AT(ex, depth));
 //     _korTopicList_Insert(KOR_AT(ex, depth), list, "sensors/+/temperature", subscriber);
@@ -18,11 +18,11 @@
 // |--------------------------|----------------------------|------------------------|----------------------------------|
 // | _korTopicList_Get        | act                        | act                    | stored topics that can match it  |
 // | _korTopicList_GetNarrow  | act                        | match only wildcards   | stored topics that cover it      |
-// | _korTopicList_GetLiteral | plain text                 | plain text             | the stored topic of the same text |
-// | _korTopicList_All        |                            |                        | everything                       |
+// | _korTopicList_GetLiteral | plain text                 | plain text             | the stored topic of the same text
+// | | _korTopicList_All        |                            |                        | everything |
 //
-// A stored "a/#" is not found by "a". A "#" in the middle of a stored topic is reached by a query of "#" or a literal one
-// only. Results are neither sorted nor freed of duplicates.
+// A stored "a/#" is not found by "a". A "#" in the middle of a stored topic is reached by a query of "#" or a literal
+// one only. Results are neither sorted nor freed of duplicates.
 //
 // None of this locks, and queries write, too: callers serialise all access. Errors: code 2 (No memory), no description.
 
@@ -85,8 +85,8 @@ KOR_API void _korTopicList_DestroyPools(uint8_t depth, korEx* ex, korPool** pool
 KOR_API korTopicList* _korTopicList_Create(korEx* ex, uint8_t depth);
 /// Makes an empty list with pools of its own. NULL after a failure.
 KOR_API korTopicList* _korTopicList_CreatePooled(korEx* ex, uint8_t depth);
-/// Makes an empty list with the caller's pools; NULL for `pools` is the same as _korTopicList_CreatePooled. NULL after a
-/// failure.
+/// Makes an empty list with the caller's pools; NULL for `pools` is the same as _korTopicList_CreatePooled. NULL after
+/// a failure.
 KOR_API korTopicList* _korTopicList_CreatePooledEx(korEx* ex, uint8_t depth, korPool** pools);
 
 /// Frees a list; stored values stay the caller's. NULL is accepted. Works with an error pending.
@@ -100,11 +100,12 @@ KOR_API void _korTopicList_Insert(korEx* ex, uint8_t depth, korTopicList* list, 
 KOR_API void _korTopicList_InsertEx(korEx* ex, uint8_t depth, korTopicList* list, const char* topic, uint64_t value,
                                     korTopicNode** node);
 
-/// Removes a value, once, from a topic, or all of the topic's values if `value` is 0. Gives how many were removed; 0 for
-/// a NULL list or topic. The order of the values that are left may change. Works with an error pending and cannot fail.
+/// Removes a value, once, from a topic, or all of the topic's values if `value` is 0. Gives how many were removed; 0
+/// for a NULL list or topic. The order of the values that are left may change. Works with an error pending and cannot
+/// fail.
 KOR_API uint32_t _korTopicList_Remove(uint8_t depth, korEx* ex, korTopicList* list, const char* topic, uint64_t value);
-/// The same; `*remaining`, if asked for, gets how many values are left at the topic, and is not written if the topic has
-/// none to begin with.
+/// The same; `*remaining`, if asked for, gets how many values are left at the topic, and is not written if the topic
+/// has none to begin with.
 KOR_API uint32_t _korTopicList_RemoveEx(uint8_t depth, korEx* ex, korTopicList* list, const char* topic, uint64_t value,
                                         int32_t* remaining);
 
@@ -125,8 +126,8 @@ KOR_API uint32_t _korTopicList_Count(korEx* ex, uint8_t depth, const korTopicLis
 /// How many values stand at a node of _korTopicList_InsertEx, which must still have some; 0 with an error pending.
 KOR_API uint32_t _korTopicList_SameTopicCount(korEx* ex, uint8_t depth, const korTopicNode* node);
 
-/// Writes the topic of a node into `*buffer` of `*size` bytes, which may be NULL and 0 and is reallocated as needed: the
-/// caller frees it with _kor_free. Gives the topic's length with its terminator; 0 after a failure.
+/// Writes the topic of a node into `*buffer` of `*size` bytes, which may be NULL and 0 and is reallocated as needed:
+/// the caller frees it with _kor_free. Gives the topic's length with its terminator; 0 after a failure.
 KOR_API int32_t _korTopicList_Topic(korEx* ex, uint8_t depth, korTopicList* list, const korTopicNode* node,
                                     char** buffer, int32_t* size);
 
