@@ -352,16 +352,16 @@ korTopicNode* findNode(uint8_t depth, korEx* ex, const korTopicList* list, const
     }
 }
 
-uint32_t removeValues(uint8_t depth, korEx* ex, korTopicList* list, korTopicNode* node, uint64_t value)
+int32_t removeValues(uint8_t depth, korEx* ex, korTopicList* list, korTopicNode* node, uint64_t value)
 {
-    uint32_t removed = 0;
+    int32_t removed = 0;
     if (value == 0) {
-        removed = static_cast<uint32_t>(node->values->count);
+        removed = node->values->count;
         node->values->count = 0;
     } else if (_korDpa_Remove(node->values, value) >= 0) {
         removed = 1;
     }
-    list->count -= removed;
+    list->count -= static_cast<uint32_t>(removed);
     if (node->values->count == 0) {
         destroyValues(KOR_AT_D(depth, ex), list, node);
     }
@@ -382,15 +382,15 @@ bool checkMinSize(korEx* ex, uint8_t depth, const Text& text, int64_t end)
         return true;
     }
     int64_t size = std::max(2 * (end + 1), least);
-    char* grown = nullptr;
-    if (size <= INT32_MAX) {
-        grown = static_cast<char*>(_kor_realloc(KOR_AT(ex, depth), *text.buffer, static_cast<size_t>(size)));
-    }
-    if (grown == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
+    if (size > INT32_MAX) {
+        KOR_RAISE(ex, depth, KOR_ERROR_RESOURCE_LIMIT, nullptr);
         return false;
     }
-    *text.buffer = grown;
+    void* grown = _kor_realloc(KOR_AT(ex, depth), *text.buffer, static_cast<size_t>(size));
+    if (grown == nullptr) {
+        return false;
+    }
+    *text.buffer = static_cast<char*>(grown);
     *text.size = static_cast<int32_t>(size);
     return true;
 }
@@ -416,7 +416,7 @@ int32_t addTokenToTopic(korEx* ex, uint8_t depth, const Text& text, int32_t offs
 
 struct Enumeration {
     korTopicList* list;
-    korTopicCallback callback;
+    korTopicListCallback callback;
     void* closure;
     Text text;
 };
@@ -572,13 +572,13 @@ void _korTopicList_InsertEx(korEx* ex, uint8_t depth, korTopicList* list, const 
     }
 }
 
-uint32_t _korTopicList_Remove(uint8_t depth, korEx* ex, korTopicList* list, const char* topic, uint64_t value)
+int32_t _korTopicList_Remove(uint8_t depth, korEx* ex, korTopicList* list, const char* topic, uint64_t value)
 {
     return _korTopicList_RemoveEx(KOR_AT_D(depth, ex), list, topic, value, nullptr);
 }
 
-uint32_t _korTopicList_RemoveEx(uint8_t depth, korEx* ex, korTopicList* list, const char* topic, uint64_t value,
-                                int32_t* remaining)
+int32_t _korTopicList_RemoveEx(uint8_t depth, korEx* ex, korTopicList* list, const char* topic, uint64_t value,
+                               int32_t* remaining)
 {
     if (list == nullptr || topic == nullptr) {
         return 0;
@@ -587,7 +587,7 @@ uint32_t _korTopicList_RemoveEx(uint8_t depth, korEx* ex, korTopicList* list, co
     if (node == nullptr || node->values == nullptr) {
         return 0;
     }
-    uint32_t removed = removeValues(KOR_AT_D(depth, ex), list, node, value);
+    int32_t removed = removeValues(KOR_AT_D(depth, ex), list, node, value);
     if (remaining != nullptr) {
         *remaining = node->values == nullptr ? 0 : node->values->count;
     }
@@ -602,9 +602,9 @@ uint32_t _korTopicList_Count(korEx* ex, uint8_t, const korTopicList* list)
     return ex->code == 0 && list != nullptr ? list->count : 0;
 }
 
-uint32_t _korTopicList_SameTopicCount(korEx* ex, uint8_t, const korTopicNode* node)
+int32_t _korTopicList_SameTopicCount(korEx* ex, uint8_t, const korTopicNode* node)
 {
-    return ex->code == 0 && node != nullptr && node->values != nullptr ? static_cast<uint32_t>(node->values->count) : 0;
+    return ex->code == 0 && node != nullptr && node->values != nullptr ? node->values->count : 0;
 }
 
 int32_t _korTopicList_Topic(korEx* ex, uint8_t depth, korTopicList* list, const korTopicNode* node, char** buffer,
@@ -626,7 +626,7 @@ int32_t _korTopicList_Topic(korEx* ex, uint8_t depth, korTopicList* list, const 
     return length;
 }
 
-void _korTopicList_Enumerate(korEx* ex, uint8_t depth, korTopicList* list, korTopicCallback callback, void* closure)
+void _korTopicList_Enumerate(korEx* ex, uint8_t depth, korTopicList* list, korTopicListCallback callback, void* closure)
 {
     if (ex->code != 0 || list == nullptr) {
         return;

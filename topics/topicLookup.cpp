@@ -283,7 +283,7 @@ using namespace kor;
 
 const korDpa* _korTopicList_Get(korEx* ex, uint8_t depth, korTopicList* list, const char* topic)
 {
-    if (ex->code != 0) {
+    if (ex->code != 0 || list == nullptr || topic == nullptr) {
         return nullptr;
     }
     clearScratch(list);
@@ -294,7 +294,7 @@ const korDpa* _korTopicList_Get(korEx* ex, uint8_t depth, korTopicList* list, co
 
 const korDpa* _korTopicList_GetNarrow(korEx* ex, uint8_t depth, korTopicList* list, const char* topic)
 {
-    if (ex->code != 0) {
+    if (ex->code != 0 || list == nullptr || topic == nullptr) {
         return nullptr;
     }
     clearScratch(list);
@@ -305,7 +305,7 @@ const korDpa* _korTopicList_GetNarrow(korEx* ex, uint8_t depth, korTopicList* li
 
 const korDpa* _korTopicList_GetLiteral(korEx* ex, uint8_t depth, korTopicList* list, const char* topic)
 {
-    const korTopicLevel* level = list->rootLevel;
+    const korTopicLevel* level = list == nullptr || topic == nullptr ? nullptr : list->rootLevel;
     while (ex->code == 0 && level != nullptr) {
         Token token = cutToken(topic);
         const korTopicNode* node = nodeHashGet(KOR_AT(ex, depth), level, token);
@@ -320,7 +320,7 @@ const korDpa* _korTopicList_GetLiteral(korEx* ex, uint8_t depth, korTopicList* l
 
 const korDpa* _korTopicList_All(korEx* ex, uint8_t depth, korTopicList* list)
 {
-    if (ex->code != 0) {
+    if (ex->code != 0 || list == nullptr) {
         return nullptr;
     }
     clearScratch(list);

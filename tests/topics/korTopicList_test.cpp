@@ -75,11 +75,11 @@ public:
         count++;
     }
 
-    uint32_t remove(const std::string& topic, uint64_t value)
+    int32_t remove(const std::string& topic, uint64_t value)
     {
-        uint32_t removed = 0;
+        int32_t removed = 0;
         removeBelow(root_, tokensOf(topic), 0, value, &removed);
-        count -= removed;
+        count -= static_cast<uint32_t>(removed);
         return removed;
     }
 
@@ -116,7 +116,7 @@ public:
     uint32_t count = 0;
 
 private:
-    static void removeBelow(Node& parent, const Tokens& tokens, size_t at, uint64_t value, uint32_t* removed)
+    static void removeBelow(Node& parent, const Tokens& tokens, size_t at, uint64_t value, int32_t* removed)
     {
         auto same = [&](const std::unique_ptr<Node>& one) { return one->token == tokens[at]; };
         auto found = std::find_if(parent.children.begin(), parent.children.end(), same);
@@ -127,7 +127,7 @@ private:
         if (at + 1 < tokens.size()) {
             removeBelow(node, tokens, at + 1, value, removed);
         } else if (value == 0) {
-            *removed = static_cast<uint32_t>(node.values.size());
+            *removed = static_cast<int32_t>(node.values.size());
             node.values.clear();
         } else if (auto one = std::find(node.values.begin(), node.values.end(), value); one != node.values.end()) {
             *one = node.values.back(); // the last takes its place
@@ -264,7 +264,7 @@ protected:
     {
         _korTopicList_Insert(KOR_AT(ex, 0), list, topic.c_str(), value);
     }
-    uint32_t remove(const std::string& topic, uint64_t value)
+    int32_t remove(const std::string& topic, uint64_t value)
     {
         return _korTopicList_Remove(KOR_AT_D(0, ex), list, topic.c_str(), value);
     }
@@ -386,21 +386,21 @@ TEST_F(KorTopicListTest, RemovingPrunesWhatFallsEmpty)
     _korTopicList_InsertEx(KOR_AT(ex, 0), list, "a/b", 1, &b);
     insert("a/b", 1);
     insert("a/b/c/d", 2);
-    EXPECT_EQ(_korTopicList_SameTopicCount(KOR_AT(ex, 0), b), 2U);
+    EXPECT_EQ(_korTopicList_SameTopicCount(KOR_AT(ex, 0), b), 2);
     int32_t remaining = -1;
-    EXPECT_EQ(_korTopicList_RemoveEx(KOR_AT_D(0, ex), list, "a/b/c", 2, &remaining), 0U);
+    EXPECT_EQ(_korTopicList_RemoveEx(KOR_AT_D(0, ex), list, "a/b/c", 2, &remaining), 0);
     EXPECT_EQ(remaining, -1); // the topic has no values
-    EXPECT_EQ(_korTopicList_RemoveEx(KOR_AT_D(0, ex), list, "a/b/c/d", 9, &remaining), 0U);
+    EXPECT_EQ(_korTopicList_RemoveEx(KOR_AT_D(0, ex), list, "a/b/c/d", 9, &remaining), 0);
     EXPECT_EQ(remaining, 1);
     EXPECT_NE(b->childLevel, nullptr);
-    EXPECT_EQ(_korTopicList_RemoveEx(KOR_AT_D(0, ex), list, "a/b/c/d", 2, &remaining), 1U);
+    EXPECT_EQ(_korTopicList_RemoveEx(KOR_AT_D(0, ex), list, "a/b/c/d", 2, &remaining), 1);
     EXPECT_EQ(remaining, 0);
     EXPECT_EQ(b->childLevel, nullptr);
-    EXPECT_EQ(remove("a/b", 1), 1U);
-    EXPECT_EQ(remove("a/b", 0), 1U);
+    EXPECT_EQ(remove("a/b", 1), 1);
+    EXPECT_EQ(remove("a/b", 0), 1);
     EXPECT_EQ(list->rootLevel->nodes->count, 0);
-    EXPECT_EQ(_korTopicList_Remove(KOR_AT_D(0, ex), nullptr, "a", 0), 0U);
-    EXPECT_EQ(_korTopicList_Remove(KOR_AT_D(0, ex), list, nullptr, 0), 0U);
+    EXPECT_EQ(_korTopicList_Remove(KOR_AT_D(0, ex), nullptr, "a", 0), 0);
+    EXPECT_EQ(_korTopicList_Remove(KOR_AT_D(0, ex), list, nullptr, 0), 0);
     _korTopicList_Insert(KOR_AT(ex, 0), list, nullptr, 1);
     _korTopicList_Insert(KOR_AT(ex, 0), nullptr, "a", 1);
 }
@@ -483,7 +483,7 @@ TEST_F(KorTopicListTest, ATopicOfManyLevels)
     _korTopicList_Enumerate(KOR_AT(ex, 0), list, show, &shown);
     EXPECT_EQ(shown.topics.size(), 3U);
     EXPECT_EQ(shown.topics[2].first, wild);
-    EXPECT_EQ(remove(wild, 0), 1U);
+    EXPECT_EQ(remove(wild, 0), 1);
     EXPECT_EQ(get("a/#"), (Values{1, 3}));
 }
 
