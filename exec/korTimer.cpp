@@ -137,6 +137,12 @@ void unlink(korRadixHeap* heap, korRadixItem* item)
     item->bucket = noBucket;
 }
 
+bool isEmpty(const korRadixHeap* heap)
+{
+    const korRadixBucket* first = heap->buckets;
+    return std::all_of(first, first + heap->bucketCount, [](auto& bucket) { return bucket.head == nullptr; });
+}
+
 // Has the heap make all the buckets that a key can need. From then on no insertion fails for want of memory: a task
 // that comes back from its run has nobody to tell.
 void reserveBuckets(korEx* ex, uint8_t depth, korRadixHeap* heap)
@@ -346,20 +352,21 @@ void _korTimerTask_Release(uint8_t depth, korEx* ex, korTimerTask* task)
 }
 
 // Holds a reference to the timer from here on.
-korTimerTask* _korTimerTask_Create(korEx* ex, uint8_t depth, korTimer* timer, const korTimerTask* model)
+korTimerTask* _korTimerTask_Create(korEx* ex, uint8_t depth, korTimer* timer, int64_t delay, int64_t interval)
 {
-    auto* task = static_cast<korTimerTask*>(_kor_malloc(KOR_AT(ex, depth), sizeof(korTimerTask)));
+    auto* task = static_cast<korTimerTask*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korTimerTask)));
     if (task == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
     }
-    *task = *model;
-    task->repeating = model->interval > 0;
-    task->scheduledAt = overrunGrace() != 0 ? now() : 0;
     _korJob_Recyclable(KOR_AT(ex, depth), &task->job, taskJobType, _timerTaskJobHandler, _timerTaskRecycling,
                        _timerTaskJobRelease);
     _korTimer_Retain(KOR_AT(ex, depth), timer);
     task->timer = timer;
+    task->delay = delay;
+    task->interval = interval;
+    task->repeating = interval > 0;
+    task->scheduledAt = overrunGrace() != 0 ? now() : 0;
     return task;
 }
 
@@ -441,10 +448,10 @@ void awaitRunningTasks(uint8_t depth, korEx* ex, korTimer* timer)
     timer->waiting = 0;
 }
 
-// The tasks that still wait for their time, or NULL for none.
+// Empties the heap, bucket by bucket: their order does not matter any more. NULL for an empty heap.
 korDpa* takeTasks(korEx* ex, uint8_t depth, korTimer* timer)
 {
-    if (!_korRadixHeap_Redistribute(&timer->heap)) {
+    if (isEmpty(&timer->heap)) {
         return nullptr;
     }
     korDpa* tasks = _korDpa_Create(KOR_AT(ex, depth), static_cast<int32_t>(timer->tasks->entryCount));
@@ -452,8 +459,12 @@ korDpa* takeTasks(korEx* ex, uint8_t depth, korTimer* timer)
         logSevere(ex, timer, "No memory cleaning-up timer tasks");
         return nullptr;
     }
-    while (korRadixItem* item = _korRadixHeap_ExtractMin(KOR_AT(ex, depth), &timer->heap)) {
-        _korDpa_AddSafe(KOR_AT(ex, depth), tasks, reinterpret_cast<uint64_t>(taskOf(item)));
+    for (uint8_t i = 0; i < timer->heap.bucketCount; i++) {
+        korRadixBucket* bucket = &timer->heap.buckets[i];
+        for (korRadixItem* item = bucket->head; item != nullptr; item = item->next) {
+            _korDpa_AddSafe(KOR_AT(ex, depth), tasks, reinterpret_cast<uint64_t>(taskOf(item)));
+        }
+        bucket->head = nullptr;
     }
     return tasks;
 }
@@ -829,14 +840,14 @@ uint64_t _korTimer_ScheduleTask(korEx* ex, uint8_t depth, korTimer* timer, korTi
         KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, "Negative values are not allowed");
         return 0;
     }
-    korTimerTask model = {};
-    model.callback = callback;
-    model.destroyCallback = destroyCallback;
-    model.closure = closure;
-    model.delay = delay;
-    model.interval = interval;
-    korTimerTask* task = _korTimerTask_Create(KOR_AT(ex, depth), timer, &model);
-    uint64_t id = task != nullptr ? enterTask(KOR_AT(ex, depth), timer, task) : 0;
+    uint64_t id = 0;
+    korTimerTask* task = _korTimerTask_Create(KOR_AT(ex, depth), timer, delay, interval);
+    if (task != nullptr) {
+        task->callback = callback;
+        task->destroyCallback = destroyCallback;
+        task->closure = closure;
+        id = enterTask(KOR_AT(ex, depth), timer, task);
+    }
     if (id == 0) {
         abandonTask(KOR_AT_D(depth, ex), task, destroyCallback, closure);
     }

@@ -197,19 +197,6 @@ bool hasPendingRemoves(korPoller* poller)
     return has;
 }
 
-void letGo(uint8_t depth, korEx* ex, PollerObject* object, korPollerEvent* event)
-{
-    korPollerEvent** list = object->record.readyList;
-    int32_t kept = 0;
-    for (int32_t i = 0; i < object->readyCount; i++) {
-        if (list[i] != event) {
-            list[kept++] = list[i];
-        }
-    }
-    object->readyCount = kept;
-    _korPollerEvent_Release(KOR_AT_D(depth, ex), event);
-}
-
 } // namespace kor
 
 korPoller* _korPoller_Create(korEx* ex, uint8_t depth)

@@ -165,7 +165,7 @@ void _pollRemoveEvents_FdsOnly(uint8_t depth, korEx* ex, PollerObject* object)
             freeSlot(object, slot);
             poller->count--;
             event->pollSlot = event->pollSlot == slot ? -1 : event->pollSlot;
-            letGo(KOR_AT_D(depth, ex), object, event);
+            _korPollerEvent_Release(KOR_AT_D(depth, ex), event);
         }
     }
 }

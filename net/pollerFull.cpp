@@ -119,7 +119,7 @@ void _pollRemoveEvents_Full(uint8_t depth, korEx* ex, PollerObject* object)
             korPollerEvent* event = poller->slotEvents[slot];
             closeWaitEvent(event);
             closeGap(poller, slot);
-            letGo(KOR_AT_D(depth, ex), object, event);
+            _korPollerEvent_Release(KOR_AT_D(depth, ex), event);
         }
     }
 }
@@ -201,13 +201,15 @@ void rotate(korPoller* poller, int32_t signalled)
     korMutex_leave(&poller->mutex);
 }
 
-// Makes the ready list, from the signalled slot on. The interrupt ends it, since it changes the slots.
+// Makes the ready list, from the signalled slot on. The interrupt ends it, since it changes the slots. (It always
+// stands in slot 0: it is placed first, and has no turn.)
 void collectReady(korEx* ex, uint8_t depth, PollerObject* object, int32_t signalled, const platform::WaitView* view)
 {
     korPoller* poller = &object->record;
     for (int32_t slot = signalled; slot < poller->count; slot++) {
         korPollerEvent* event = poller->slotEvents[slot];
         if (event == poller->interruptRecord) {
+            KOR_INVARIANT(slot == 0); // nothing has been reported that the removals could free
             platform::interruptReset(poller->interruptEvent);
             _pollRemoveEvents(KOR_AT_D(depth, ex), object);
             _pollAddEvents(KOR_AT(ex, depth), object);

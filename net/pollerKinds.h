@@ -62,7 +62,4 @@ inline void report(PollerObject* object, korPollerEvent* event)
     object->record.readyList[object->readyCount++] = event;
 }
 
-/// Gives a slot's reference back. An event that this wait would have reported may go with it, so it is not reported.
-void letGo(uint8_t depth, korEx* ex, PollerObject* object, korPollerEvent* event);
-
 } // namespace kor

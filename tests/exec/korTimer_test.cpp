@@ -84,8 +84,8 @@ protected:
     void TearDown() override
     {
         stop();
+        _korExecutor_Stop(KOR_AT_D(0, ex), executor); // behind it no runner is still giving up a task
         EXPECT_TRUE(_korTimer_Release(KOR_AT_D(0, ex), timer)) << "somebody still holds the timer";
-        _korExecutor_Stop(KOR_AT_D(0, ex), executor);
         EXPECT_TRUE(_korExecutor_Release(KOR_AT_D(0, ex), executor)) << "somebody still holds the executor";
         _korutil_Close(KOR_AT_D(0, ex));
         LoggerTest::TearDown();
@@ -101,8 +101,8 @@ protected:
     void stop() { _korTimer_Stop(KOR_AT_D(0, ex), timer); }
     uint64_t schedule(Watch& watch, int64_t delay, int64_t interval)
     {
-        watch.interval = interval;
-        watch.earliest = Clock::now() + std::chrono::milliseconds(delay != 0 ? delay : interval);
+        watch.interval = std::min(interval, never);
+        watch.earliest = Clock::now() + std::chrono::milliseconds(std::min(delay != 0 ? delay : interval, never));
         return _korTimer_ScheduleTask(KOR_AT(ex, 0), timer, Watch::run, Watch::end, &watch, delay, interval);
     }
     bool cancel(uint64_t id) { return _korTimer_CancelTask(KOR_AT_D(0, ex), timer, id); }
