@@ -76,6 +76,7 @@
 #include "korutil/korThreadPool.h"
 #include "korutil/korTime.h"
 #include "korutil/korTimer.h"
+#include "korutil/korTopicList.h"
 #include "korutil/korUrl.h"
 
 #endif
