@@ -32,6 +32,7 @@
 #include "korutil/korHeaderID.h"
 #include "korutil/korHiResPerf.h"
 #include "korutil/korHostResolutions.h"
+#include "korutil/korHrTimer.h"
 #include "korutil/korI64Hash.h"
 #include "korutil/korIfAddr.h"
 #include "korutil/korInetIfTable.h"
