@@ -33,7 +33,7 @@ bool isSame(const korPollerEvent* left, const korPollerEvent* right)
     return left->network != 0 ? left->socket == right->socket : left->handle == right->handle;
 }
 
-bool holdsFull(const korPoller* poller, const korPollerEvent* event)
+bool coversFull(const korPoller* poller, const korPollerEvent* event)
 {
     for (int32_t slot = 0; slot < poller->count; slot++) {
         if (isSame(poller->slotEvents[slot], event)) {
@@ -73,17 +73,10 @@ bool _pollAddEvent(korEx* ex, uint8_t depth, PollerObject* object, korPollerEven
     return true;
 }
 
-// The slot that a removal means: the event's own, else that of an equal handle.
-int32_t slotOf(const korPoller* poller, const korPollerEvent* event)
+int32_t slotOfFull(const korPoller* poller, const korPollerEvent* event)
 {
     for (int32_t slot = 0; slot < poller->count; slot++) {
         if (poller->slotEvents[slot] == event) {
-            return slot;
-        }
-    }
-    int64_t handle = event->network != 0 ? event->waitEvent : event->handle;
-    for (int32_t slot = 0; slot < poller->count && handle != platform::noHandle; slot++) {
-        if (poller->waitHandles[slot] == handle) {
             return slot;
         }
     }
@@ -114,7 +107,7 @@ void _pollRemoveEvents_Full(uint8_t depth, korEx* ex, PollerObject* object)
 {
     korPoller* poller = &object->record;
     for (int32_t i = 0; i < poller->pendingRemoves.count; i++) {
-        int32_t slot = slotOf(poller, reinterpret_cast<korPollerEvent*>(poller->pendingRemoves.items[i]));
+        int32_t slot = slotOfFull(poller, reinterpret_cast<korPollerEvent*>(poller->pendingRemoves.items[i]));
         if (slot >= 0) {
             korPollerEvent* event = poller->slotEvents[slot];
             closeWaitEvent(event);
@@ -248,8 +241,8 @@ int32_t _poller_WaitFull(korEx* ex, uint8_t depth, PollerObject* object, korPoll
 
 } // namespace
 
-const PollerKind pollerFull = {
-    slotCount,       createFull, clearFull, interruptFull, holdsFull, _pollAddEvent, _pollRemoveEvents_Full,
-    _poller_WaitFull};
+const PollerKind pollerFull = {slotCount,       createFull, clearFull,     interruptFull,
+                               coversFull,      slotOfFull, _pollAddEvent, _pollRemoveEvents_Full,
+                               _poller_WaitFull};
 
 } // namespace kor
