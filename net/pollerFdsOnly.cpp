@@ -135,7 +135,7 @@ bool _pollAddEvent(korEx* ex, uint8_t depth, PollerObject* object, korPollerEven
 
 // The slot of an event, or -1. The slot that it remembers is another poller's if it has been added there before this
 // one's waiter let it go; then the slots are searched.
-int32_t slotOf(const korPoller* poller, const korPollerEvent* event)
+int32_t slotOfFdsOnly(const korPoller* poller, const korPollerEvent* event)
 {
     int32_t remembered = event->pollSlot;
     if (remembered > 0 && remembered < poller->pollSize && poller->slotEvents[remembered] == event) {
@@ -149,9 +149,10 @@ int32_t slotOf(const korPoller* poller, const korPollerEvent* event)
     return -1;
 }
 
-bool holdsFdsOnly(const korPoller* poller, const korPollerEvent* event)
+// A socket may stand in several slots: only the event itself counts.
+bool coversFdsOnly(const korPoller* poller, const korPollerEvent* event)
 {
-    return event->pollSlot != -1 && slotOf(poller, event) >= 0;
+    return event->pollSlot != -1 && slotOfFdsOnly(poller, event) >= 0;
 }
 
 void _pollRemoveEvents_FdsOnly(uint8_t depth, korEx* ex, PollerObject* object)
@@ -159,13 +160,13 @@ void _pollRemoveEvents_FdsOnly(uint8_t depth, korEx* ex, PollerObject* object)
     korPoller* poller = &object->record;
     for (int32_t i = 0; i < poller->pendingRemoves.count; i++) {
         auto* event = reinterpret_cast<korPollerEvent*>(poller->pendingRemoves.items[i]);
-        int32_t slot = slotOf(poller, event);
+        int32_t slot = slotOfFdsOnly(poller, event);
         if (slot >= 0) {
             platform::pollSetRemove(&object->set, poller->pollArray, slot);
             freeSlot(object, slot);
             poller->count--;
             event->pollSlot = event->pollSlot == slot ? -1 : event->pollSlot;
-            letGo(KOR_AT_D(depth, ex), object, event);
+            _korPollerEvent_Release(KOR_AT_D(depth, ex), event);
         }
     }
 }
@@ -288,7 +289,8 @@ const PollerKind pollerFdsOnly = {0,
                                   createFdsOnly,
                                   clearFdsOnly,
                                   interruptFdsOnly,
-                                  holdsFdsOnly,
+                                  coversFdsOnly,
+                                  slotOfFdsOnly,
                                   _pollAddEvent,
                                   _pollRemoveEvents_FdsOnly,
                                   _poller_WaitFdsOnly};

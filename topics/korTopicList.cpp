@@ -1,12 +1,14 @@
-// korTopicList.cpp - the wildcard topic index: a trie with a table of tokens at each level.
+// korTopicList.cpp - the trie of the wildcard topic index: making, storing, pruning, topics as text, enumeration. The
+// queries are in topicLookup.cpp.
 //
 // A node has values or a level below it, and a level but the first has a node, whenever no operation runs; only an
-// insertion that failed halfway leaves empty ones, which a later operation prunes. Nothing here recurses: a walk over
-// a subtree keeps its place in the cursors of the levels' tables, a query puts its branches off on the list's stacks.
+// insertion that failed halfway leaves empty ones, which a later operation prunes. Nothing recurses: a walk over a
+// subtree keeps its place in the cursors of the levels' tables.
 
 #include "korutil/korTopicList.h"
 #include "foundation/hostile.h"
 #include "korutil/korAlloc.h"
+#include "topics/topicTrie.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -16,73 +18,11 @@
 static_assert(offsetof(korTopicList, levelPool) == 56 && sizeof(korTopicList) == 120);
 static_assert(sizeof(korTopicNode) == 40 && sizeof(korTopicLevel) == 24, "chunks of the pools");
 
+using namespace kor::topics;
+
 namespace {
 
-constexpr char separator = '/';
 constexpr int32_t tokenChunk = 32; // bytes of a pooled token
-
-// ---- Tokens ---------------------------------------------------------------------------------------------------------
-
-struct Token {
-    const char* text;
-    uint32_t length;
-    const char* rest; // the topic behind it, or NULL for the last token
-};
-
-// The first token. One whose length is no 32-bit number is cut to a length that no table takes as a key either.
-Token cutToken(const char* topic)
-{
-    const char* end = topic;
-    while (*end != separator && *end != '\0') {
-        ++end;
-    }
-    auto length = static_cast<size_t>(end - topic);
-    return {topic, static_cast<uint32_t>(std::min<size_t>(length, UINT32_MAX)), *end == separator ? end + 1 : nullptr};
-}
-
-bool isPlus(const char* text, uint32_t length)
-{
-    return length == 1 && *text == '+';
-}
-
-bool isHash(const char* text, uint32_t length)
-{
-    return length == 1 && *text == '#';
-}
-
-// True if the rest of a query is the one token "#".
-bool isHashAlone(const char* rest)
-{
-    return rest != nullptr && rest[0] == '#' && rest[1] == '\0';
-}
-
-// The empty token has the key of a NUL byte: a table takes a length of 0 for one that it has to measure.
-uint32_t keyLength(uint32_t tokenLength)
-{
-    return std::max(tokenLength, 1U);
-}
-
-const char* keyBytes(const char* text, uint32_t tokenLength)
-{
-    return tokenLength == 0 ? "" : text;
-}
-
-uint64_t valueOf(const void* pointer)
-{
-    return reinterpret_cast<uint64_t>(pointer);
-}
-
-template <class Type>
-Type* pointerOf(uint64_t value)
-{
-    return reinterpret_cast<Type*>(value);
-}
-
-korTopicNode* nodeHashGet(korEx* ex, uint8_t depth, const korTopicLevel* level, const Token& token)
-{
-    return pointerOf<korTopicNode>(
-        _korHash_Get(KOR_AT(ex, depth), level->nodes, keyBytes(token.text, token.length), keyLength(token.length), 0));
-}
 
 // ---- Memory ---------------------------------------------------------------------------------------------------------
 
@@ -178,46 +118,7 @@ korTopicLevel* _korTopicList_CreateLevel(korEx* ex, uint8_t depth, const korTopi
     return level;
 }
 
-// ---- Walking a subtree ----------------------------------------------------------------------------------------------
-
-// Depth first, a level's nodes in the order of its table. The place in each level is its table's cursor, the way up are
-// the nodes' parents.
-struct TreeWalk {
-    const korTopicList* list;
-    korTopicLevel* level;    // that the walk is in
-    korTopicNode* owner;     // the node that has this level
-    korHashIterator entries; // of this level
-};
-
-korTopicLevel* levelOf(const korTopicList* list, const korTopicNode* node)
-{
-    return node->parent == nullptr ? list->rootLevel : node->parent->childLevel;
-}
-
-void enterLevel(TreeWalk* walk, korTopicLevel* level, korTopicNode* owner)
-{
-    walk->level = level;
-    walk->owner = owner;
-    _korHash_IteratorInit(level->nodes, &walk->entries);
-}
-
-// The next node of the level, NULL at its end.
-korTopicNode* nextNode(korHashIterator* entries)
-{
-    uint64_t node = 0;
-    _korHash_Next(entries, nullptr, nullptr, &node);
-    return pointerOf<korTopicNode>(node);
-}
-
-// Leaves the level for the one above, and gives the node that it belongs to, which is the current one there.
-korTopicNode* leaveLevel(TreeWalk* walk)
-{
-    korTopicNode* node = walk->owner;
-    walk->owner = node->parent;
-    walk->level = levelOf(walk->list, node);
-    walk->entries = {walk->level->nodes, 0};
-    return node;
-}
+// ---- Levels with all that is below them ----------------------------------------------------------------------------
 
 void destroyEmptyLevel(uint8_t depth, korEx* ex, const korTopicList* list, korTopicLevel* level)
 {
@@ -290,19 +191,8 @@ int32_t takeValues(uint8_t depth, korEx* ex, korTopicList* list, korTopicNode* n
     return taken;
 }
 
-// ---- The scratch stacks ---------------------------------------------------------------------------------------------
-
-void clearStacks(korTopicList* list)
-{
-    for (korDpa* stack : {list->nodeStack, list->levelStack, list->tokenStack, list->lengthStack}) {
-        stack->count = 0;
-    }
-}
-
-uint64_t pop(korDpa* stack)
-{
-    return stack->items[--stack->count];
-}
+// ---- The path of a topic, on the stacks
+// -------------------------------------------------------------------------------
 
 // A token in its level, and its node.
 struct Place {
@@ -779,262 +669,10 @@ void _korTopicList_Enumerate(korEx* ex, uint8_t depth, korTopicList* list, korTo
 
 uint32_t _korTopicList_Count(korEx* ex, uint8_t, const korTopicList* list)
 {
-    return ex->code == 0 ? list->count : 0;
+    return ex->code == 0 && list != nullptr ? list->count : 0;
 }
 
 int32_t _korTopicList_SameTopicCount(korEx* ex, uint8_t, const korTopicNode* node)
 {
     return ex->code == 0 ? node->values->count : 0;
-}
-
-// ---- Matching -------------------------------------------------------------------------------------------------------
-
-namespace {
-
-// Where a query goes on: the part of it that is still to be matched, and the level to match it in. No level: nowhere.
-struct Step {
-    korTopicLevel* level;
-    const char* query;
-};
-
-constexpr Step nowhere = {nullptr, nullptr};
-
-void addValues(korEx* ex, uint8_t depth, korTopicList* list, const korTopicNode* node)
-{
-    if (node != nullptr && node->values != nullptr) {
-        _korDpa_AddDpa(KOR_AT(ex, depth), list->results, node->values);
-    }
-}
-
-// Puts a branch off until the way before it has come to its end: what is below `node`, or with no node the rest of the
-// walk over `level`.
-void putOff(korEx* ex, uint8_t depth, korTopicList* list, korTopicNode* node, korTopicLevel* level, const char* query)
-{
-    _korDpa_AddSafe(KOR_AT(ex, depth), list->nodeStack, valueOf(node));
-    _korDpa_AddSafe(KOR_AT(ex, depth), list->levelStack, valueOf(level));
-    _korDpa_AddSafe(KOR_AT(ex, depth), list->tokenStack, valueOf(query));
-}
-
-// All values below `top`.
-void _korTopicList_AddAll(korEx* ex, uint8_t depth, korTopicList* list, korTopicLevel* top)
-{
-    TreeWalk walk = {list, nullptr, nullptr, {}};
-    enterLevel(&walk, top, nullptr);
-    while (ex->code == 0) {
-        korTopicNode* node = nextNode(&walk.entries);
-        if (node == nullptr) {
-            if (walk.level == top) {
-                return;
-            }
-            leaveLevel(&walk);
-            continue;
-        }
-        addValues(KOR_AT(ex, depth), list, node);
-        if (node->childLevel != nullptr) {
-            enterLevel(&walk, node->childLevel, node);
-        }
-    }
-}
-
-// The query's "+" meets the nodes of the level, wildcards among them, up to one that leads on; the others are put off.
-// A stored "#" takes whatever follows, and nothing below it is looked at.
-Step meetNodes(korEx* ex, uint8_t depth, korTopicList* list, korTopicLevel* level, const char* rest,
-               korHashIterator* entries)
-{
-    while (const korTopicNode* node = nextNode(entries)) {
-        bool ends = rest == nullptr || node == level->hashNode;
-        if (ends || isHashAlone(rest)) {
-            addValues(KOR_AT(ex, depth), list, node);
-        }
-        if (!ends && node->childLevel != nullptr) {
-            putOff(KOR_AT(ex, depth), list, nullptr, level, rest);
-            return {node->childLevel, rest};
-        }
-    }
-    return nowhere;
-}
-
-Step _korTopicList_ProcessWildcardToken(korEx* ex, uint8_t depth, korTopicList* list, korTopicLevel* level,
-                                        const Token& token)
-{
-    if (isHash(token.text, token.length)) {
-        _korTopicList_AddAll(KOR_AT(ex, depth), list, level);
-        return nowhere;
-    }
-    korHashIterator entries = {};
-    _korHash_IteratorInit(level->nodes, &entries);
-    return meetNodes(KOR_AT(ex, depth), list, level, token.rest, &entries);
-}
-
-// ---- Wildcards on both sides ----
-
-Step followWay(korEx* ex, uint8_t depth, korTopicList* list, const korTopicNode* node, const char* rest)
-{
-    if (isHashAlone(rest)) {
-        addValues(KOR_AT(ex, depth), list, node);
-    }
-    return {node->childLevel, rest};
-}
-
-// The ways down are not alike. The stored "+" gives its values to a "#" that follows only beside a literal node that
-// leads down, or if it leads down itself; the literal node gives its own unless the "+" alone leads down.
-Step chooseWay(korEx* ex, uint8_t depth, korTopicList* list, korTopicNode* literal, const korTopicNode* plus,
-               const char* rest)
-{
-    bool plusLeads = plus != nullptr && plus->childLevel != nullptr;
-    if (literal != nullptr && literal->childLevel != nullptr) {
-        if (isHashAlone(rest)) {
-            addValues(KOR_AT(ex, depth), list, plus);
-        }
-        if (!plusLeads) {
-            return followWay(KOR_AT(ex, depth), list, literal, rest);
-        }
-        putOff(KOR_AT(ex, depth), list, literal, nullptr, rest);
-        return {plus->childLevel, rest};
-    }
-    if (plusLeads) {
-        return followWay(KOR_AT(ex, depth), list, plus, rest);
-    }
-    if (isHashAlone(rest)) {
-        addValues(KOR_AT(ex, depth), list, literal);
-    }
-    return nowhere;
-}
-
-Step _korTopicList_GetLevel(korEx* ex, uint8_t depth, korTopicList* list, const Step& at)
-{
-    Token token = cutToken(at.query);
-    if (isPlus(token.text, token.length) || isHash(token.text, token.length)) {
-        return _korTopicList_ProcessWildcardToken(KOR_AT(ex, depth), list, at.level, token);
-    }
-    addValues(KOR_AT(ex, depth), list, at.level->hashNode);
-    korTopicNode* literal = nodeHashGet(KOR_AT(ex, depth), at.level, token);
-    if (token.rest != nullptr) {
-        return chooseWay(KOR_AT(ex, depth), list, literal, at.level->plusNode, token.rest);
-    }
-    addValues(KOR_AT(ex, depth), list, literal);
-    addValues(KOR_AT(ex, depth), list, at.level->plusNode);
-    return nowhere;
-}
-
-// ---- Wildcards of the query met by wildcards only ----
-
-Step followNarrowWay(korEx* ex, uint8_t depth, korTopicList* list, const korTopicNode* node, const char* rest)
-{
-    if (node->childLevel == nullptr && isHashAlone(rest)) {
-        addValues(KOR_AT(ex, depth), list, node);
-    }
-    return {node->childLevel, rest};
-}
-
-Step _korTopicList_GetNarrowLevel(korEx* ex, uint8_t depth, korTopicList* list, const Step& at)
-{
-    Token token = cutToken(at.query);
-    addValues(KOR_AT(ex, depth), list, at.level->hashNode);
-    if (isHash(token.text, token.length)) {
-        return nowhere;
-    }
-    const korTopicNode* plus = at.level->plusNode;
-    bool plusLeads = plus != nullptr && token.rest != nullptr && plus->childLevel != nullptr;
-    if (token.rest == nullptr || (plusLeads && isHashAlone(token.rest))) {
-        addValues(KOR_AT(ex, depth), list, plus);
-    }
-    korTopicNode* literal =
-        isPlus(token.text, token.length) ? nullptr : nodeHashGet(KOR_AT(ex, depth), at.level, token);
-    if (token.rest == nullptr) {
-        addValues(KOR_AT(ex, depth), list, literal);
-        return nowhere;
-    }
-    if (!plusLeads) {
-        return literal == nullptr ? nowhere : followNarrowWay(KOR_AT(ex, depth), list, literal, token.rest);
-    }
-    if (literal != nullptr) {
-        putOff(KOR_AT(ex, depth), list, literal, nullptr, token.rest);
-    }
-    return {plus->childLevel, token.rest};
-}
-
-// ---- A query from the first level to the last branch ----
-
-using Match = Step (*)(korEx* ex, uint8_t depth, korTopicList* list, const Step& at);
-using Follow = Step (*)(korEx* ex, uint8_t depth, korTopicList* list, const korTopicNode* node, const char* rest);
-
-// Takes up the branch that was put off last.
-template <Follow follow>
-Step resume(korEx* ex, uint8_t depth, korTopicList* list)
-{
-    const auto* node = pointerOf<const korTopicNode>(pop(list->nodeStack));
-    auto* level = pointerOf<korTopicLevel>(pop(list->levelStack));
-    const auto* query = pointerOf<const char>(pop(list->tokenStack));
-    if (node != nullptr) {
-        return follow(KOR_AT(ex, depth), list, node, query);
-    }
-    korHashIterator entries = {level->nodes, 0};
-    return meetNodes(KOR_AT(ex, depth), list, level, query, &entries);
-}
-
-const korDpa* resultsOf(const korTopicList* list)
-{
-    return list->results->count > 0 ? list->results : nullptr;
-}
-
-template <Match match, Follow follow>
-const korDpa* runQuery(korEx* ex, uint8_t depth, korTopicList* list, const char* topic)
-{
-    if (ex->code != 0 || list == nullptr || topic == nullptr) {
-        return nullptr;
-    }
-    clearStacks(list);
-    list->results->count = 0;
-    Step at = {list->rootLevel, topic};
-    while (ex->code == 0) {
-        if (at.level != nullptr) {
-            at = match(KOR_AT(ex, depth), list, at);
-        } else if (list->nodeStack->count > 0) {
-            at = resume<follow>(KOR_AT(ex, depth), list);
-        } else {
-            break;
-        }
-    }
-    return resultsOf(list);
-}
-
-} // namespace
-
-const korDpa* _korTopicList_Get(korEx* ex, uint8_t depth, korTopicList* list, const char* topic)
-{
-    return runQuery<_korTopicList_GetLevel, followWay>(KOR_AT(ex, depth), list, topic);
-}
-
-const korDpa* _korTopicList_GetNarrow(korEx* ex, uint8_t depth, korTopicList* list, const char* topic)
-{
-    return runQuery<_korTopicList_GetNarrowLevel, followNarrowWay>(KOR_AT(ex, depth), list, topic);
-}
-
-const korDpa* _korTopicList_GetLiteral(korEx* ex, uint8_t depth, korTopicList* list, const char* topic)
-{
-    if (ex->code != 0 || list == nullptr || topic == nullptr) {
-        return nullptr;
-    }
-    const korTopicLevel* level = list->rootLevel;
-    const korTopicNode* node = nullptr;
-    for (const char* rest = topic; rest != nullptr; level = node->childLevel) {
-        Token token = cutToken(rest);
-        node = level == nullptr ? nullptr : nodeHashGet(KOR_AT(ex, depth), level, token);
-        if (node == nullptr) {
-            return nullptr;
-        }
-        rest = token.rest;
-    }
-    return node->values;
-}
-
-const korDpa* _korTopicList_All(korEx* ex, uint8_t depth, korTopicList* list)
-{
-    if (ex->code != 0 || list == nullptr) {
-        return nullptr;
-    }
-    list->results->count = 0;
-    _korTopicList_AddAll(KOR_AT(ex, depth), list, list->rootLevel);
-    return resultsOf(list);
 }

@@ -16,10 +16,12 @@
 #include "korutil/korCrc64.h"
 #include "korutil/korDpa.h"
 #include "korutil/korDpq.h"
+#include "korutil/korDra.h"
 #include "korutil/korDyn.h"
 #include "korutil/korEncoding.h"
 #include "korutil/korEx.h"
 #include "korutil/korExecutor.h"
+#include "korutil/korFailures.h"
 #include "korutil/korFastCondition.h"
 #include "korutil/korFastLock.h"
 #include "korutil/korFastQueue.h"
@@ -32,6 +34,7 @@
 #include "korutil/korHeaderID.h"
 #include "korutil/korHiResPerf.h"
 #include "korutil/korHostResolutions.h"
+#include "korutil/korHrTimer.h"
 #include "korutil/korI64Hash.h"
 #include "korutil/korIfAddr.h"
 #include "korutil/korInetIfTable.h"
@@ -77,5 +80,6 @@
 #include "korutil/korTimer.h"
 #include "korutil/korTopicList.h"
 #include "korutil/korUrl.h"
+#include "korutil/kor_cJSON.h"
 
 #endif
