@@ -1,8 +1,10 @@
-// executorInternal.h - what executors, jobs, groups and the global executors share behind their public headers.
+// executorInternal.h - what executors, runners, jobs, groups and the global executors share behind their public
+// headers.
 
 #pragma once
 
 #include "korutil/korJobGroup.h"
+#include "platform/cpu.h"
 
 #include <atomic>
 
@@ -16,7 +18,7 @@ inline constexpr uint8_t executorComponent = 5;
 void openActiveJob(korEx* ex, uint8_t depth);
 /// Gives the key back; jobs that run on see nothing of it.
 void closeActiveJob(uint8_t depth, korEx* ex);
-/// Where the calling thread keeps the job that it runs, from now on; the storage outlives its jobs.
+/// Tells where the calling thread keeps the job that it runs; NULL for nowhere. Costs a read once it is known.
 void keepActiveJob(korEx* ex, uint8_t depth, korJob** storage);
 
 /// Sets after how many milliseconds a job is reported. Code 10 "Cannot set Warn on task duration for an executor after
@@ -26,15 +28,15 @@ void _korExecutor_WarnOnTaskDuration(korEx* ex, uint8_t depth, korExecutor* exec
 
 /// The thread function of a runner; its argument is the executor.
 uint64_t job_runner(void* argument);
+/// Gives up a runner's record.
+void _ThreadInfo_Release(uint8_t depth, korEx* ex, korThreadInfo* info);
 
 /// Tells whoever waits for `job` that it has ended, or, with `done` false, that it was cancelled.
 void _notifyJobGet(uint8_t depth, korEx* ex, korJob* job, bool done);
-
+/// The same for a job of a group that has ended: it is mostly the group that is waited for.
+void _notifyJobOfGroupGet(uint8_t depth, korEx* ex, korJob* job);
 /// Tells a group that one of its jobs has ended, and reaps from its front if it is made so.
 void _notifyGroupGet(uint8_t depth, korEx* ex, korJobGroup* group);
-
-/// Gives up a runner's record.
-void _ThreadInfo_Release(uint8_t depth, korEx* ex, korThreadInfo* info);
 
 /// Makes a simple job with its creator's reference; NULL after a failure (code 2).
 korJob* makeSimpleJob(korEx* ex, uint8_t depth, korSimpleFunction function, void* closure);
@@ -64,12 +66,31 @@ inline uint64_t stateOf(const korExecutor* executor)
     return KOR_ATOMIC_LOAD(&executor->state);
 }
 
+inline void setState(korExecutor* executor, uint64_t state)
+{
+    KOR_ATOMIC_STORE(&executor->state, state);
+}
+
 /// Adds 1 to a counter, if there are counters and the type is one of theirs.
 inline void countJob(uint64_t* const& counters, int32_t type)
 {
     uint64_t* present = KOR_ATOMIC_LOAD_ACQUIRE(&counters);
     if (present != nullptr && static_cast<uint32_t>(type) < KOR_JOB_TYPES) {
         std::atomic_ref(present[type]).fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+/// Waits for what another thread is about to do within a few instructions, if it is not held up.
+template <typename Condition>
+void spinUntil(Condition isTrue)
+{
+    constexpr int hints = 100;
+    for (int round = 0; !isTrue(); round++) {
+        if (round < hints) {
+            platform::spinHint();
+        } else {
+            platform::yieldThread();
+        }
     }
 }
 

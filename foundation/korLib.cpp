@@ -9,11 +9,14 @@
 #include "korutil/korAffinity.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korBuffer.h"
+#include "korutil/korExecutor.h"
 #include "korutil/korMutex.h"
 #include "korutil/korObjectMap.h"
+#include "korutil/korRand.h"
 #include "korutil/korRefDpa.h"
 #include "korutil/korSocket.h"
 #include "korutil/korThread.h"
+#include "korutil/korTimer.h"
 #include "platform/entry.h"
 #include "sync/threadStore.h"
 
@@ -68,8 +71,11 @@ void startSubsystems(korEx* ex, uint8_t depth)
     _korObjectMap_Open(KOR_AT(ex, depth));
     _korAffinity_Open(KOR_AT(ex, depth));
     _korThread_InitThreads(KOR_AT(ex, depth));
+    _korExecutor_Open(KOR_AT(ex, depth));
+    _korTimer_Open(KOR_AT(ex, depth));
     _korBuffer_CreatePool(KOR_AT(ex, depth));
     _korRefDpa_Open(KOR_AT(ex, depth));
+    _korRand_Open(KOR_AT(ex, depth));
     _korSocket_Startup(KOR_AT(ex, depth));
 }
 
@@ -78,15 +84,12 @@ void startSubsystems(korEx* ex, uint8_t depth)
 void stopSubsystems(uint8_t depth, korEx* ex)
 {
     _korSocket_Cleanup(KOR_AT_D(depth, ex));
+    _korRand_Close(KOR_AT_D(depth, ex));
     _korBuffer_DestroyPool(KOR_AT(ex, depth));
+    _korTimer_Close(KOR_AT_D(depth, ex));
+    _korExecutor_Close(KOR_AT_D(depth, ex));
     _korAffinity_Close(KOR_AT_D(depth, ex));
     _korEx_Close(KOR_AT(ex, depth));
-}
-
-// A thread that an executor has to wait for cannot stop that executor. There are no executors.
-bool isWorkerOfGlobalExecutor()
-{
-    return false;
 }
 
 // ---- A release by a worker ------------------------------------------------------------------------------------------
@@ -137,8 +140,10 @@ void offloadRelease(uint8_t depth, korEx* ex)
 
 // ---- This library's own state ---------------------------------------------------------------------------------------
 
+// The only place that waits for jobs under way before things begin to stop: a release by itself does not.
 void _korutil_Shutdown(uint8_t depth, korEx* ex)
 {
+    _korExecutor_DrainGlobalExecutors(KOR_AT_D(depth, ex));
     _korutil_Release(KOR_AT_D(depth, ex));
 }
 
@@ -250,8 +255,8 @@ void _korutil_Release(uint8_t depth, korEx* ex)
     if (retainCount == 0 || --retainCount != 0) {
         return;
     }
-    if (isWorkerOfGlobalExecutor()) {
-        retainCount++;
+    if (_korExecutor_IsCurrentThreadInAnyGlobalExecutor(KOR_AT_D(depth, ex))) {
+        retainCount++; // the stop would wait for this very thread
         offloadRelease(KOR_AT_D(depth, ex));
     } else {
         stopSubsystems(KOR_AT_D(depth, ex));

@@ -7,8 +7,10 @@
 #include "korutil/korPool.h"
 #include "foundation/chain.h"
 #include "korutil/korAlloc.h"
+#include "korutil/korLogger.h"
 #include "korutil/korObjectMap.h"
 #include "korutil/korThreadLocal.h"
+#include "korutil/korTimer.h"
 #include "pools/chunkGuard.h"
 
 #include <algorithm>
@@ -412,8 +414,10 @@ __attribute__((noinline)) void returnSlow(uint8_t depth, korEx* ex, korPool* poo
 
 // One pass: a block that was wholly free before, and is again, goes unless it is one of those that the pool keeps. The
 // first wholly free block that is not marked yet is spared the mark, so that a pool at rest keeps one block at hand.
-[[maybe_unused]] void _korPool_ReturnMemory(korEx* ex, uint8_t depth, korPool* pool)
+// A task of the global timer.
+void _korPool_ReturnMemory(korEx* ex, uint8_t depth, korTimer*, uint64_t, void* closure)
 {
+    auto* pool = static_cast<korPool*>(closure);
     bool spare = true;
     korFastLock_acquire(&pool->lock);
     for (korPoolBlock *block = pool->head, *next; block != nullptr; block = next) {
@@ -457,12 +461,43 @@ void releasePool(uint8_t depth, korEx* ex, korPool* pool)
     }
 }
 
-// Has the global timer call _korPool_ReturnMemory, first after 30 seconds and then each minute, with a reference of its
-// own to the pool. There is no timer yet: a pool's memory goes with the pool.
-void startReturningMemory(korEx*, uint8_t, korPool*) {}
+// The end of that task, whose reference lets a pool be destroyed while the task runs.
+void _korPool_ReleaseReturnMemory(korEx* ex, uint8_t depth, void* closure)
+{
+    releasePool(KOR_AT_D(depth, ex), static_cast<korPool*>(closure));
+}
 
-// Takes that task back; if it runs at this moment, the log says that its end is awaited.
-void stopReturningMemory(uint8_t, korEx*, korPool*) {}
+// A pool of the time before the opening has no task: its memory goes with the pool.
+void startReturningMemory(korEx* ex, uint8_t depth, korPool* pool)
+{
+    constexpr int64_t delay = 30000; // milliseconds, as the period
+    constexpr int64_t period = 60000;
+    if (ex->code != 0) {
+        return;
+    }
+    pool->timer = _korTimer_GetGlobal(KOR_AT_D(depth, ex));
+    if (pool->timer == nullptr) {
+        return;
+    }
+    _korObjectMap_Get(KOR_AT(ex, depth), pool->id); // the task's reference
+    pool->task = _korTimer_ScheduleTask(KOR_AT(ex, depth), pool->timer, _korPool_ReturnMemory,
+                                        _korPool_ReleaseReturnMemory, pool, delay, period);
+    if (ex->code == KOR_ERROR_ILLEGAL_STATE) { // refused: the reference is still ours
+        releasePool(KOR_AT_D(depth, ex), pool);
+    }
+}
+
+// The library may have been closed since: then the task is gone, and only the timer's memory is still there.
+void stopReturningMemory(uint8_t depth, korEx* ex, korPool* pool)
+{
+    constexpr uint8_t component = 1;
+    KOR_EX_PRIVATE(local, ex, depth);
+    if (!_korTimer_CancelTask(KOR_AT_D(depth, &local), pool->timer, pool->task)) {
+        KOR_LOG(component, KOR_LOG_DEBUG, "Delayed 'returnMemory' task cancellation for pool %llx.",
+                static_cast<unsigned long long>(valueOf(pool)));
+    }
+    _korTimer_Release(KOR_AT_D(depth, &local), pool->timer);
+}
 
 // ---- The end of a thread --------------------------------------------------------------------------------------------
 

@@ -90,6 +90,8 @@ KOR_API void _korInetIfTable_GetInfoByString(korEx* ex, uint8_t depth, const cha
 /// for anything else.
 KOR_API uint32_t inet_network(const char* text) KOR_NOTHROW;
 
+#undef KOR_NOTHROW
+
 KOR_END_DECLS
 
 #endif

@@ -74,7 +74,7 @@ protected:
         giveHome(get(count * perBlock));
         ASSERT_EQ(blocks().size(), static_cast<size_t>(count));
     }
-    void pass() { _korPool_ReturnMemory(KOR_AT(ex, 0), pool_); }
+    void pass() { _korPool_ReturnMemory(KOR_AT(ex, 0), nullptr, 0, pool_); }
     Blocks blocks()
     {
         Blocks all;
