@@ -11,7 +11,6 @@
 #include "korutil/korAlloc.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstddef>
 #include <cstring>
 #include <utility>
@@ -38,7 +37,7 @@ struct Spot {
 
 bool isValidCapacity(korEx* ex, uint8_t depth, int16_t maxItemsPerNode)
 {
-    if (ex->code == 0 && (maxItemsPerNode < 4 || !std::has_single_bit(static_cast<uint16_t>(maxItemsPerNode)))) {
+    if (ex->code == 0 && (maxItemsPerNode < 4 || (maxItemsPerNode & (maxItemsPerNode - 1)) != 0)) {
         KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, "maxItemsPerNode must be 4 or greater power of 2");
     }
     return ex->code == 0;
