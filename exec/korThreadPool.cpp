@@ -52,17 +52,23 @@ void joinThread(uint8_t depth, korEx* ex, korThread* thread)
     KOR_EX_CHAINED(local, ex, depth);
     if (_korThread_IsCurrentThread(thread)) {
         _korThread_Detach(KOR_AT(&local, depth), thread);
-    } else {
+    } else if (thread != nullptr) {
         _korThread_Join(KOR_AT(&local, depth), thread);
     }
-    _korThread_Destroy(KOR_AT_D(depth, &local), thread);
+}
+
+void dropThreads(uint8_t depth, korEx* ex, korThreadPool* pool)
+{
+    for (int32_t i = 0; pool->threads != nullptr && i < pool->maxSize; i++) {
+        korThread* thread = threadAt(pool, i);
+        setThread(pool, i, nullptr);
+        _korThread_Destroy(KOR_AT_D(depth, ex), thread);
+    }
 }
 
 void _korThreadPoolDestroy(uint8_t depth, korEx* ex, korThreadPool* pool)
 {
-    for (int32_t i = 0; pool->threads != nullptr && i < pool->maxSize; i++) {
-        _korThread_Destroy(KOR_AT_D(depth, ex), threadAt(pool, i));
-    }
+    dropThreads(KOR_AT_D(depth, ex), pool);
     _kor_free(KOR_AT_D(depth, ex), pool->threads);
     _korMutex_Destroy(KOR_AT_D(depth, ex), pool->mutex);
     _kor_free(KOR_AT_D(depth, ex), pool->name);
@@ -167,11 +173,10 @@ void _korThreadPool_Join(uint8_t depth, korEx* ex, korThreadPool* pool)
     }
     pool->state = KOR_POOL_JOINED;
     for (int32_t i = 0; i < pool->maxSize; i++) {
-        if (korThread* thread = threadAt(pool, i)) {
-            joinThread(KOR_AT_D(depth, ex), thread);
-            setThread(pool, i, nullptr);
-        }
+        joinThread(KOR_AT_D(depth, ex), threadAt(pool, i));
     }
+    // Not before all have ended: until then they may ask whether they are of this pool.
+    dropThreads(KOR_AT_D(depth, ex), pool);
 }
 
 void _korThreadPool_Retain(korEx*, uint8_t, korThreadPool* pool)

@@ -12,6 +12,7 @@
 #include "korutil/korExecutor.h"
 #include "korutil/korMutex.h"
 #include "korutil/korObjectMap.h"
+#include "korutil/korRand.h"
 #include "korutil/korRefDpa.h"
 #include "korutil/korSocket.h"
 #include "korutil/korThread.h"
@@ -74,6 +75,7 @@ void startSubsystems(korEx* ex, uint8_t depth)
     _korTimer_Open(KOR_AT(ex, depth));
     _korBuffer_CreatePool(KOR_AT(ex, depth));
     _korRefDpa_Open(KOR_AT(ex, depth));
+    _korRand_Open(KOR_AT(ex, depth));
     _korSocket_Startup(KOR_AT(ex, depth));
 }
 
@@ -82,6 +84,7 @@ void startSubsystems(korEx* ex, uint8_t depth)
 void stopSubsystems(uint8_t depth, korEx* ex)
 {
     _korSocket_Cleanup(KOR_AT_D(depth, ex));
+    _korRand_Close(KOR_AT_D(depth, ex));
     _korBuffer_DestroyPool(KOR_AT(ex, depth));
     _korTimer_Close(KOR_AT_D(depth, ex));
     _korExecutor_Close(KOR_AT_D(depth, ex));

@@ -112,7 +112,7 @@ void enlist(korEx* ex, uint8_t depth, PollerObject* object, korPollerEvent* even
         return;
     }
     KOR_INVARIANT(_korDpa_Find(adds, valueOf(event)) < 0);
-    if (adds->count == 0 && object->kind->holds(&object->record, event)) {
+    if (adds->count == 0 && object->kind->covers(&object->record, event)) {
         object->revived = true;
     } else {
         _korPollerEvent_Retain(KOR_AT(ex, depth), event);
@@ -125,15 +125,14 @@ void enlist(korEx* ex, uint8_t depth, PollerObject* object, korPollerEvent* even
     setActive(event, 1);
 }
 
-// An active event is on its way out already only if it was added once more after its removal, or if another event of a
-// `Full` poller counts as the same.
+// An active event can be on its way out already only if it was added once more after its removal.
 bool isLeaving(const PollerObject* object, korPollerEvent* event)
 {
-    bool possible = object->revived || object->kind == &pollerFull;
-    return possible && _korDpa_Find(&object->record.pendingRemoves, valueOf(event)) >= 0;
+    return object->revived && _korDpa_Find(&object->record.pendingRemoves, valueOf(event)) >= 0;
 }
 
-// Notes a removal, under the mutex. True if the waiter has something to do about it.
+// Notes a removal, under the mutex. The slot's reference keeps the event while it is on the list; one without a slot is
+// not noted, though another may stand for it in a slot. True if the waiter has something to do about it.
 bool delist(uint8_t depth, korEx* ex, PollerObject* object, korPollerEvent* event)
 {
     korPoller* poller = &object->record;
@@ -144,7 +143,7 @@ bool delist(uint8_t depth, korEx* ex, PollerObject* object, korPollerEvent* even
         _korPollerEvent_Release(KOR_AT_D(depth, ex), event);
         return false;
     }
-    if (!object->kind->holds(poller, event) || isLeaving(object, event)) {
+    if (object->kind->slotOf(poller, event) < 0 || isLeaving(object, event)) {
         setActive(event, 0);
         return false;
     }
@@ -195,19 +194,6 @@ bool hasPendingRemoves(korPoller* poller)
     bool has = poller->pendingRemoves.count != 0;
     korMutex_leave(&poller->mutex);
     return has;
-}
-
-void letGo(uint8_t depth, korEx* ex, PollerObject* object, korPollerEvent* event)
-{
-    korPollerEvent** list = object->record.readyList;
-    int32_t kept = 0;
-    for (int32_t i = 0; i < object->readyCount; i++) {
-        if (list[i] != event) {
-            list[kept++] = list[i];
-        }
-    }
-    object->readyCount = kept;
-    _korPollerEvent_Release(KOR_AT_D(depth, ex), event);
 }
 
 } // namespace kor

@@ -135,7 +135,7 @@ bool _pollAddEvent(korEx* ex, uint8_t depth, PollerObject* object, korPollerEven
 
 // The slot of an event, or -1. The slot that it remembers is another poller's if it has been added there before this
 // one's waiter let it go; then the slots are searched.
-int32_t slotOf(const korPoller* poller, const korPollerEvent* event)
+int32_t slotOfFdsOnly(const korPoller* poller, const korPollerEvent* event)
 {
     int32_t remembered = event->pollSlot;
     if (remembered > 0 && remembered < poller->pollSize && poller->slotEvents[remembered] == event) {
@@ -149,9 +149,10 @@ int32_t slotOf(const korPoller* poller, const korPollerEvent* event)
     return -1;
 }
 
-bool holdsFdsOnly(const korPoller* poller, const korPollerEvent* event)
+// A socket may stand in several slots: only the event itself counts.
+bool coversFdsOnly(const korPoller* poller, const korPollerEvent* event)
 {
-    return event->pollSlot != -1 && slotOf(poller, event) >= 0;
+    return event->pollSlot != -1 && slotOfFdsOnly(poller, event) >= 0;
 }
 
 void _pollRemoveEvents_FdsOnly(uint8_t depth, korEx* ex, PollerObject* object)
@@ -159,14 +160,41 @@ void _pollRemoveEvents_FdsOnly(uint8_t depth, korEx* ex, PollerObject* object)
     korPoller* poller = &object->record;
     for (int32_t i = 0; i < poller->pendingRemoves.count; i++) {
         auto* event = reinterpret_cast<korPollerEvent*>(poller->pendingRemoves.items[i]);
-        int32_t slot = slotOf(poller, event);
+        int32_t slot = slotOfFdsOnly(poller, event);
         if (slot >= 0) {
             platform::pollSetRemove(&object->set, poller->pollArray, slot);
             freeSlot(object, slot);
             poller->count--;
             event->pollSlot = event->pollSlot == slot ? -1 : event->pollSlot;
-            letGo(KOR_AT_D(depth, ex), object, event);
+            _korPollerEvent_Release(KOR_AT_D(depth, ex), event);
         }
+    }
+}
+
+// What the waiter is woken by: a counter that can be polled, on both sides of the pair, or a real pair of sockets. A
+// pair has room for so many unread wakes only; a counter never makes the waker wait.
+void openInterrupt(korEx* ex, uint8_t depth, korPoller* poller)
+{
+    if (!platform::hasWakeCounter) {
+        _korSocket_CreatePair(KOR_AT(ex, depth), &poller->socketPair[0], &poller->socketPair[1]);
+        _korSocket_SetBlocking(KOR_AT(ex, depth), poller->socketPair[0], 0);
+    } else if (platform::wakeCounterOpen(&poller->socketPair[0])) {
+        poller->socketPair[1] = poller->socketPair[0];
+    } else {
+        poller->socketPair[0] = platform::noSocket;
+        ex->osError = platform::lastSystemError();
+        KOR_RAISE(ex, depth, KOR_ERROR_OS, "poller create failed");
+    }
+    poller->interruptReadSocket = poller->socketPair[0];
+}
+
+void closeInterrupt(uint8_t depth, korEx* ex, korPoller* poller)
+{
+    if (!platform::hasWakeCounter) {
+        _korSocket_Close(KOR_AT_D(depth, ex), poller->socketPair[0]);
+        _korSocket_Close(KOR_AT_D(depth, ex), poller->socketPair[1]);
+    } else if (poller->socketPair[0] != platform::noSocket) {
+        platform::interruptClose(poller->socketPair[0]);
     }
 }
 
@@ -181,9 +209,7 @@ void createFdsOnly(korEx* ex, uint8_t depth, PollerObject* object)
     if (ex->code != 0) {
         return;
     }
-    _korSocket_CreatePair(KOR_AT(ex, depth), &poller->socketPair[0], &poller->socketPair[1]);
-    _korSocket_SetBlocking(KOR_AT(ex, depth), poller->socketPair[0], 0);
-    poller->interruptReadSocket = poller->socketPair[0];
+    openInterrupt(KOR_AT(ex, depth), poller);
     if (ex->code == 0 && !platform::pollSetOpen(&object->set)) {
         ex->osError = platform::lastSystemError();
         KOR_RAISE(ex, depth, KOR_ERROR_OS, "poller create failed");
@@ -205,24 +231,35 @@ void clearFdsOnly(uint8_t depth, korEx* ex, PollerObject* object)
     for (void* block : blocks) {
         _kor_free(KOR_AT_D(depth, ex), block);
     }
-    _korSocket_Close(KOR_AT_D(depth, ex), poller->socketPair[0]);
-    _korSocket_Close(KOR_AT_D(depth, ex), poller->socketPair[1]);
+    closeInterrupt(KOR_AT_D(depth, ex), poller);
 }
 
-// A failure to wake is told to nobody. (When so many wakes are unread that the pair is full, the waiter comes anyway;
-// where the system lets a send say so, it does not wait for him.)
+// A failure to wake is told to nobody.
 void interruptFdsOnly(uint8_t depth, korEx* ex, korPoller* poller)
 {
+    if (platform::hasWakeCounter) {
+        platform::interruptSet(poller->socketPair[1]);
+        return;
+    }
     KOR_EX_PRIVATE(own, ex, depth);
-    _korSocket_Send(KOR_AT(&own, depth), poller->socketPair[1], "!", 1, platform::sendWithoutWaiting);
+    _korSocket_Send(KOR_AT(&own, depth), poller->socketPair[1], "!", 1, 0);
 }
 
-// Takes one wake, and does what it was for.
-void takeInterrupt(korEx* ex, uint8_t depth, PollerObject* object)
+// Takes one wake; those that are left make the waiter come again.
+void takeWake(korEx* ex, uint8_t depth, const korPoller* poller)
 {
+    if (platform::hasWakeCounter) {
+        platform::interruptReset(poller->interruptReadSocket);
+        return;
+    }
     KOR_EX_PRIVATE(own, ex, depth);
     char wake;
-    _korSocket_Recv(KOR_AT(&own, depth), object->record.interruptReadSocket, &wake, 1, 0);
+    _korSocket_Recv(KOR_AT(&own, depth), poller->interruptReadSocket, &wake, 1, 0);
+}
+
+void takeInterrupt(korEx* ex, uint8_t depth, PollerObject* object)
+{
+    takeWake(KOR_AT(ex, depth), &object->record);
     _pollRemoveEvents(KOR_AT_D(depth, ex), object);
     _pollAddEvents(KOR_AT(ex, depth), object);
 }
@@ -288,7 +325,8 @@ const PollerKind pollerFdsOnly = {0,
                                   createFdsOnly,
                                   clearFdsOnly,
                                   interruptFdsOnly,
-                                  holdsFdsOnly,
+                                  coversFdsOnly,
+                                  slotOfFdsOnly,
                                   _pollAddEvent,
                                   _pollRemoveEvents_FdsOnly,
                                   _poller_WaitFdsOnly};

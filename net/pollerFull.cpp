@@ -33,7 +33,7 @@ bool isSame(const korPollerEvent* left, const korPollerEvent* right)
     return left->network != 0 ? left->socket == right->socket : left->handle == right->handle;
 }
 
-bool holdsFull(const korPoller* poller, const korPollerEvent* event)
+bool coversFull(const korPoller* poller, const korPollerEvent* event)
 {
     for (int32_t slot = 0; slot < poller->count; slot++) {
         if (isSame(poller->slotEvents[slot], event)) {
@@ -73,17 +73,10 @@ bool _pollAddEvent(korEx* ex, uint8_t depth, PollerObject* object, korPollerEven
     return true;
 }
 
-// The slot that a removal means: the event's own, else that of an equal handle.
-int32_t slotOf(const korPoller* poller, const korPollerEvent* event)
+int32_t slotOfFull(const korPoller* poller, const korPollerEvent* event)
 {
     for (int32_t slot = 0; slot < poller->count; slot++) {
         if (poller->slotEvents[slot] == event) {
-            return slot;
-        }
-    }
-    int64_t handle = event->network != 0 ? event->waitEvent : event->handle;
-    for (int32_t slot = 0; slot < poller->count && handle != platform::noHandle; slot++) {
-        if (poller->waitHandles[slot] == handle) {
             return slot;
         }
     }
@@ -114,12 +107,12 @@ void _pollRemoveEvents_Full(uint8_t depth, korEx* ex, PollerObject* object)
 {
     korPoller* poller = &object->record;
     for (int32_t i = 0; i < poller->pendingRemoves.count; i++) {
-        int32_t slot = slotOf(poller, reinterpret_cast<korPollerEvent*>(poller->pendingRemoves.items[i]));
+        int32_t slot = slotOfFull(poller, reinterpret_cast<korPollerEvent*>(poller->pendingRemoves.items[i]));
         if (slot >= 0) {
             korPollerEvent* event = poller->slotEvents[slot];
             closeWaitEvent(event);
             closeGap(poller, slot);
-            letGo(KOR_AT_D(depth, ex), object, event);
+            _korPollerEvent_Release(KOR_AT_D(depth, ex), event);
         }
     }
 }
@@ -201,13 +194,15 @@ void rotate(korPoller* poller, int32_t signalled)
     korMutex_leave(&poller->mutex);
 }
 
-// Makes the ready list, from the signalled slot on. The interrupt ends it, since it changes the slots.
+// Makes the ready list, from the signalled slot on. The interrupt ends it, since it changes the slots. (It always
+// stands in slot 0: it is placed first, and has no turn.)
 void collectReady(korEx* ex, uint8_t depth, PollerObject* object, int32_t signalled, const platform::WaitView* view)
 {
     korPoller* poller = &object->record;
     for (int32_t slot = signalled; slot < poller->count; slot++) {
         korPollerEvent* event = poller->slotEvents[slot];
         if (event == poller->interruptRecord) {
+            KOR_INVARIANT(slot == 0); // nothing has been reported that the removals could free
             platform::interruptReset(poller->interruptEvent);
             _pollRemoveEvents(KOR_AT_D(depth, ex), object);
             _pollAddEvents(KOR_AT(ex, depth), object);
@@ -246,8 +241,8 @@ int32_t _poller_WaitFull(korEx* ex, uint8_t depth, PollerObject* object, korPoll
 
 } // namespace
 
-const PollerKind pollerFull = {
-    slotCount,       createFull, clearFull, interruptFull, holdsFull, _pollAddEvent, _pollRemoveEvents_Full,
-    _poller_WaitFull};
+const PollerKind pollerFull = {slotCount,       createFull, clearFull,     interruptFull,
+                               coversFull,      slotOfFull, _pollAddEvent, _pollRemoveEvents_Full,
+                               _poller_WaitFull};
 
 } // namespace kor

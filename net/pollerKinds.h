@@ -36,8 +36,10 @@ struct PollerKind {
     void (*create)(korEx* ex, uint8_t depth, PollerObject* object);
     void (*clear)(uint8_t depth, korEx* ex, PollerObject* object);
     void (*interrupt)(uint8_t depth, korEx* ex, korPoller* poller);
-    /// True if a slot holds the event, or one that counts as the same.
-    bool (*holds)(const korPoller* poller, const korPollerEvent* event);
+    /// True if a slot holds the event, or one that counts as the same: what it is about is waited for already.
+    bool (*covers)(const korPoller* poller, const korPollerEvent* event);
+    /// The slot that holds this very event, or -1.
+    int32_t (*slotOf)(const korPoller* poller, const korPollerEvent* event);
     /// Puts an event in a slot. False if it is in none; not every such case is an error.
     bool (*place)(korEx* ex, uint8_t depth, PollerObject* object, korPollerEvent* event);
     /// Applies the pending removals; their list stays.
@@ -61,8 +63,5 @@ inline void report(PollerObject* object, korPollerEvent* event)
 {
     object->record.readyList[object->readyCount++] = event;
 }
-
-/// Gives a slot's reference back. An event that this wait would have reported may go with it, so it is not reported.
-void letGo(uint8_t depth, korEx* ex, PollerObject* object, korPollerEvent* event);
 
 } // namespace kor

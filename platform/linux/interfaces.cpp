@@ -59,7 +59,7 @@ bool listWith(int socket, Ipv4Interface (&list)[maxInterfaces], uint32_t* count)
     if (ioctl(socket, SIOCGIFCONF, &all) != 0) {
         return false;
     }
-    *count = static_cast<uint32_t>(all.ifc_len) / sizeof(ifreq);
+    *count = static_cast<uint32_t>(static_cast<size_t>(all.ifc_len) / sizeof(ifreq));
     for (uint32_t i = 0; i < *count; i++) {
         list[i] = describe(socket, requests[i]);
     }
@@ -91,6 +91,7 @@ bool listInterfaces(Ipv4Interface (&list)[maxInterfaces], uint32_t* count)
 int32_t walkAdapters(AdapterVisit visit, void* context)
 {
     ifaddrs* list = nullptr;
+    errno = ENOMEM; // a failure that is no system call's is the heap's
     if (getifaddrs(&list) != 0) {
         return errno;
     }

@@ -3,6 +3,7 @@
 
 #include "support/failingHeap.h"
 
+#include <cerrno>
 #include <cstring>
 
 #ifdef _WIN32
@@ -55,6 +56,9 @@ bool refuse()
     uint64_t number = ++plan.requests;
     bool refused = number >= plan.failing && number - plan.failing < plan.run;
     plan.fired |= refused;
+    if (refused) {
+        errno = ENOMEM; // as the C library's own heap does: pthread_create asserts it
+    }
     return refused;
 }
 
