@@ -171,10 +171,10 @@ public:
     int poll()
     {
         seen_ = 0;
-        event_base_loop(base_, EVLOOP_NONBLOCK);
+        event_base_loop(base_, EVLOOP_ONCE | EVLOOP_NONBLOCK);
         return seen_;
     }
-    void waitForWake() { event_base_loop(base_, EVLOOP_ONCE); }
+    void waitForWake() { event_base_loop(base_, EVLOOP_ONCE | EVLOOP_NO_EXIT_ON_EMPTY); }
     void wake() { event_active(wake_, 0, 0); }
 
 private:

@@ -3,10 +3,12 @@
 #ifndef KORUTIL_KORUTIL_H
 #define KORUTIL_KORUTIL_H
 
+#include "korutil/kor128Hash.h"
 #include "korutil/korAffinity.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korBase.h"
 #include "korutil/korBitset.h"
+#include "korutil/korBtree.h"
 #include "korutil/korBuf.h"
 #include "korutil/korBuffer.h"
 #include "korutil/korCPU.h"
@@ -16,10 +18,12 @@
 #include "korutil/korCrc64.h"
 #include "korutil/korDpa.h"
 #include "korutil/korDpq.h"
+#include "korutil/korDra.h"
 #include "korutil/korDyn.h"
 #include "korutil/korEncoding.h"
 #include "korutil/korEx.h"
 #include "korutil/korExecutor.h"
+#include "korutil/korFailures.h"
 #include "korutil/korFastCondition.h"
 #include "korutil/korFastLock.h"
 #include "korutil/korFastQueue.h"
@@ -29,10 +33,12 @@
 #include "korutil/korHIDHash.h"
 #include "korutil/korHandler.h"
 #include "korutil/korHash.h"
+#include "korutil/korHashChain.h"
 #include "korutil/korHeaderID.h"
 #include "korutil/korHiResPerf.h"
 #include "korutil/korHostResolutions.h"
 #include "korutil/korHrTimer.h"
+#include "korutil/korI32Hash.h"
 #include "korutil/korI64Hash.h"
 #include "korutil/korIfAddr.h"
 #include "korutil/korInetIfTable.h"
@@ -78,5 +84,6 @@
 #include "korutil/korTimer.h"
 #include "korutil/korTopicList.h"
 #include "korutil/korUrl.h"
+#include "korutil/kor_cJSON.h"
 
 #endif
