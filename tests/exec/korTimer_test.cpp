@@ -288,7 +288,7 @@ TEST_F(KorTimerTest, StopWaitsForWhatRunsAndStopNoWaitDoesNot)
     Watch runs, waits;
     runs.ran = &ran;
     runs.gate = &gate;
-    schedule(runs, 0, never); // a second run would wait at the gate for good
+    schedule(runs, 1, never); // a second run would wait at the gate for good
     schedule(waits, never, 0);
     ran.acquire();
     std::jthread opener([this] { gate.release(); });
