@@ -171,7 +171,7 @@ public:
     int poll()
     {
         seen_ = 0;
-        event_base_loop(base_, EVLOOP_NONBLOCK);
+        event_base_loop(base_, EVLOOP_ONCE | EVLOOP_NONBLOCK);
         return seen_;
     }
     void waitForWake() { event_base_loop(base_, EVLOOP_ONCE); }

@@ -1,85 +1,21 @@
-// topicLookup.cpp - the queries. The order of their steps, and where they are not symmetrical, is what users see.
+// topicLookup.cpp - the queries. The order of their steps, and where the two are not alike, is what callers see.
 //
-// A query goes down one path at a time. Where it forks, one way is taken at once and the other is put on a stack of the
-// list's, as the place to come back to and the rest of the query there; so neither the number of levels nor that of
-// forks costs stack of the thread.
+// A query goes one way at a time. Branches are put off on the list's stacks and taken up again, the last one first, so
+// that neither depth nor branches use the thread's stack.
 
 #include "topics/topicTrie.h"
 
-#include "foundation/hostile.h"
-
-static_assert(alignof(korTopicNode) >= 4 && alignof(korTopicLevel) >= 4);
-
-namespace kor {
-
-using namespace topics;
+using namespace kor::topics;
 
 namespace {
 
-// What to do at a place that a query comes back to; kept in the low bits of the place's address.
-enum Place : uint64_t {
-    throughNode = 0,  // a node: its values if "#" follows, then the level below it
-    walkFrom = 1,     // a level: its nodes, each met by a "+" of the query
-    walkOn = 2,       // a level: the rest of its nodes
-    narrowLiteral = 3 // a level: the literal node of the token that stands there
-};
-constexpr uint64_t placeBits = 3;
-
-struct Return {
-    Place place;
-    uint64_t address;
-    const char* rest;
+// Where a query goes on: the part of it that is still to be matched, and the level to match it in. No level: nowhere.
+struct Step {
+    korTopicLevel* level;
+    const char* query;
 };
 
-void comeBack(korEx* ex, uint8_t depth, korTopicList* list, Place place, const void* where, const char* rest)
-{
-    _korDpa_AddSafe(KOR_AT(ex, depth), list->levelStack, reinterpret_cast<uint64_t>(where) | place);
-    if (ex->code != 0) {
-        return;
-    }
-    _korDpa_AddSafe(KOR_AT(ex, depth), list->tokenStack, reinterpret_cast<uint64_t>(rest));
-    if (ex->code != 0) {
-        list->levelStack->count--;
-    }
-}
-
-bool hasReturn(const korEx* ex, const korTopicList* list)
-{
-    return ex->code == 0 && list->levelStack->count != 0;
-}
-
-Return topReturn(const korTopicList* list)
-{
-    int32_t top = list->levelStack->count - 1;
-    uint64_t place = list->levelStack->items[top];
-    return {static_cast<Place>(place & placeBits), place & ~placeBits,
-            reinterpret_cast<const char*>(list->tokenStack->items[top])};
-}
-
-void changeTop(korTopicList* list, Place place)
-{
-    uint64_t& top = list->levelStack->items[list->levelStack->count - 1];
-    top = (top & ~placeBits) | place;
-}
-
-void dropReturn(korTopicList* list)
-{
-    list->levelStack->count--;
-    list->tokenStack->count--;
-}
-
-void clearScratch(korTopicList* list)
-{
-    list->results->count = 0;
-    list->levelStack->count = 0;
-    list->tokenStack->count = 0;
-}
-
-// The rest of a query is "#" and nothing else.
-bool onlyHash(const char* rest)
-{
-    return rest != nullptr && rest[0] == '#' && rest[1] == '\0';
-}
+constexpr Step nowhere = {nullptr, nullptr};
 
 void addValues(korEx* ex, uint8_t depth, korTopicList* list, const korTopicNode* node)
 {
@@ -88,234 +24,227 @@ void addValues(korEx* ex, uint8_t depth, korTopicList* list, const korTopicNode*
     }
 }
 
-// All values of a level and of the levels below, each node before what is below it.
-void _korTopicList_AddAll(korEx* ex, uint8_t depth, korTopicList* list, const korTopicLevel* level)
+// Puts a branch off until the way before it has come to its end: what is below `node`, or with no node the rest of the
+// walk over `level`.
+void putOff(korEx* ex, uint8_t depth, korTopicList* list, korTopicNode* node, korTopicLevel* level, const char* query)
 {
-    const korTopicNode* above = nullptr;
-    const korTopicLevel* first = level;
-    const korTopicNode* node = firstNode(level);
+    _korDpa_AddSafe(KOR_AT(ex, depth), list->nodeStack, valueOf(node));
+    _korDpa_AddSafe(KOR_AT(ex, depth), list->levelStack, valueOf(level));
+    _korDpa_AddSafe(KOR_AT(ex, depth), list->tokenStack, valueOf(query));
+}
+
+// All values below `top`.
+void _korTopicList_AddAll(korEx* ex, uint8_t depth, korTopicList* list, korTopicLevel* top)
+{
+    TreeWalk walk = {list, nullptr, nullptr, {}};
+    enterLevel(&walk, top, nullptr);
     while (ex->code == 0) {
-        if (node != nullptr) {
-            addValues(KOR_AT(ex, depth), list, node);
-            if (node->childLevel != nullptr) {
-                above = node;
-                level = node->childLevel;
-                node = firstNode(level);
-                continue;
+        korTopicNode* node = nextNode(&walk.entries);
+        if (node == nullptr) {
+            if (walk.level == top) {
+                return;
             }
-        } else if (level == first) {
-            return;
-        } else {
-            level = levelOf(list, above);
-            above = above->parent;
-        }
-        node = nextNode(level);
-    }
-}
-
-// ---- The query that wildcards of both sides act in ----
-
-// Goes down from `level` as long as there is one way to take at once.
-void _korTopicList_GetLevel(korEx* ex, uint8_t depth, korTopicList* list, const korTopicLevel* level, const char* topic)
-{
-    while (ex->code == 0) {
-        Token token = cutToken(topic);
-        if (isHash(token)) {
-            _korTopicList_AddAll(KOR_AT(ex, depth), list, level);
-            return;
-        }
-        if (isPlus(token)) {
-            comeBack(KOR_AT(ex, depth), list, walkFrom, level, token.next);
-            return;
-        }
-        addValues(KOR_AT(ex, depth), list, level->hashNode);
-        const korTopicNode* literal = nodeHashGet(KOR_AT(ex, depth), level, token);
-        const korTopicNode* plus = level->plusNode;
-        if (token.next == nullptr) {
-            addValues(KOR_AT(ex, depth), list, literal);
-            addValues(KOR_AT(ex, depth), list, plus);
-            return;
-        }
-        bool plusGoesOn = plus != nullptr && plus->childLevel != nullptr;
-        if (literal != nullptr && literal->childLevel != nullptr) {
-            if (onlyHash(token.next)) {
-                addValues(KOR_AT(ex, depth), list, plus);
-            }
-            if (plusGoesOn) {
-                comeBack(KOR_AT(ex, depth), list, throughNode, literal, token.next);
-                level = plus->childLevel;
-                topic = token.next;
-                continue;
-            }
-        } else if (plusGoesOn) {
-            literal = plus; // the only way down; what stands at the literal node is not taken
-        } else {
-            if (onlyHash(token.next)) {
-                addValues(KOR_AT(ex, depth), list, literal);
-            }
-            return;
-        }
-        if (onlyHash(token.next)) {
-            addValues(KOR_AT(ex, depth), list, literal);
-        }
-        level = literal->childLevel;
-        topic = token.next;
-    }
-}
-
-// A node of a level whose nodes all meet a "+" of the query.
-void _korTopicList_ProcessWildcardToken(korEx* ex, uint8_t depth, korTopicList* list, const korTopicLevel* level,
-                                        const korTopicNode* node, const char* rest)
-{
-    if (rest == nullptr || node == level->hashNode) {
-        addValues(KOR_AT(ex, depth), list, node);
-        return;
-    }
-    if (onlyHash(rest)) {
-        addValues(KOR_AT(ex, depth), list, node);
-    }
-    if (node->childLevel != nullptr) {
-        _korTopicList_GetLevel(KOR_AT(ex, depth), list, node->childLevel, rest);
-    }
-}
-
-void goThrough(korEx* ex, uint8_t depth, korTopicList* list, const korTopicNode* node, const char* rest)
-{
-    if (onlyHash(rest)) {
-        addValues(KOR_AT(ex, depth), list, node);
-    }
-    _korTopicList_GetLevel(KOR_AT(ex, depth), list, node->childLevel, rest);
-}
-
-// One node of a walk. What it leads to goes on top of the walk, and is done before the next one.
-void walkStep(korEx* ex, uint8_t depth, korTopicList* list, const Return& walk)
-{
-    const auto* level = reinterpret_cast<const korTopicLevel*>(walk.address);
-    const korTopicNode* node = walk.place == walkFrom ? firstNode(level) : nextNode(level);
-    if (node == nullptr) {
-        dropReturn(list);
-        return;
-    }
-    changeTop(list, walkOn);
-    _korTopicList_ProcessWildcardToken(KOR_AT(ex, depth), list, level, node, walk.rest);
-}
-
-void finishGet(korEx* ex, uint8_t depth, korTopicList* list)
-{
-    while (hasReturn(ex, list)) {
-        Return back = topReturn(list);
-        if (back.place == throughNode) {
-            dropReturn(list);
-            goThrough(KOR_AT(ex, depth), list, reinterpret_cast<const korTopicNode*>(back.address), back.rest);
-        } else {
-            walkStep(KOR_AT(ex, depth), list, back);
-        }
-    }
-}
-
-// ---- The query that wildcards of the stored side alone act in ----
-
-// From the literal node of the token on. Gives the level to go on at, or NULL.
-const korTopicLevel* stepNarrow(korEx* ex, uint8_t depth, korTopicList* list, const korTopicLevel* level,
-                                const Token& token)
-{
-    if (isPlus(token)) { // met by what has been taken
-        return nullptr;
-    }
-    const korTopicNode* literal = nodeHashGet(KOR_AT(ex, depth), level, token);
-    if (literal == nullptr) {
-        return nullptr;
-    }
-    if (token.next == nullptr || (literal->childLevel == nullptr && onlyHash(token.next))) {
-        addValues(KOR_AT(ex, depth), list, literal);
-        return nullptr;
-    }
-    return literal->childLevel;
-}
-
-void _korTopicList_GetNarrowLevel(korEx* ex, uint8_t depth, korTopicList* list, const korTopicLevel* level,
-                                  const char* topic)
-{
-    while (ex->code == 0 && level != nullptr) {
-        Token token = cutToken(topic);
-        addValues(KOR_AT(ex, depth), list, level->hashNode);
-        if (isHash(token)) {
-            return;
-        }
-        const korTopicNode* plus = level->plusNode;
-        if (plus != nullptr && token.next == nullptr) {
-            addValues(KOR_AT(ex, depth), list, plus);
-        } else if (plus != nullptr && plus->childLevel != nullptr) {
-            if (onlyHash(token.next)) {
-                addValues(KOR_AT(ex, depth), list, plus);
-            }
-            comeBack(KOR_AT(ex, depth), list, narrowLiteral, level, topic);
-            level = plus->childLevel;
-            topic = token.next;
+            leaveLevel(&walk);
             continue;
         }
-        level = stepNarrow(KOR_AT(ex, depth), list, level, token);
-        topic = token.next;
+        addValues(KOR_AT(ex, depth), list, node);
+        if (node->childLevel != nullptr) {
+            enterLevel(&walk, node->childLevel, node);
+        }
     }
 }
 
-void finishNarrow(korEx* ex, uint8_t depth, korTopicList* list)
+// The query's "+" meets the nodes of the level, wildcards among them, up to one that leads on; the others are put off.
+// A stored "#" takes whatever follows, and nothing below it is looked at.
+Step meetNodes(korEx* ex, uint8_t depth, korTopicList* list, korTopicLevel* level, const char* rest,
+               korHashIterator* entries)
 {
-    while (hasReturn(ex, list)) {
-        Return back = topReturn(list);
-        dropReturn(list);
-        Token token = cutToken(back.rest);
-        const auto* level = reinterpret_cast<const korTopicLevel*>(back.address);
-        level = stepNarrow(KOR_AT(ex, depth), list, level, token);
-        _korTopicList_GetNarrowLevel(KOR_AT(ex, depth), list, level, token.next);
+    while (const korTopicNode* node = nextNode(entries)) {
+        bool ends = rest == nullptr || node == level->hashNode;
+        if (ends || isHashAlone(rest)) {
+            addValues(KOR_AT(ex, depth), list, node);
+        }
+        if (!ends && node->childLevel != nullptr) {
+            putOff(KOR_AT(ex, depth), list, nullptr, level, rest);
+            return {node->childLevel, rest};
+        }
     }
+    return nowhere;
 }
 
-const korDpa* unlessEmpty(const korDpa* results)
+Step _korTopicList_ProcessWildcardToken(korEx* ex, uint8_t depth, korTopicList* list, korTopicLevel* level,
+                                        const Token& token)
 {
-    return results->count == 0 ? nullptr : results;
+    if (isHash(token.text, token.length)) {
+        _korTopicList_AddAll(KOR_AT(ex, depth), list, level);
+        return nowhere;
+    }
+    korHashIterator entries = {};
+    _korHash_IteratorInit(level->nodes, &entries);
+    return meetNodes(KOR_AT(ex, depth), list, level, token.rest, &entries);
 }
 
-} // namespace
-} // namespace kor
+// ---- Wildcards on both sides ----
 
-using namespace kor;
+Step followWay(korEx* ex, uint8_t depth, korTopicList* list, const korTopicNode* node, const char* rest)
+{
+    if (isHashAlone(rest)) {
+        addValues(KOR_AT(ex, depth), list, node);
+    }
+    return {node->childLevel, rest};
+}
 
-const korDpa* _korTopicList_Get(korEx* ex, uint8_t depth, korTopicList* list, const char* topic)
+// The ways down are not alike. The stored "+" gives its values to a "#" that follows only beside a literal node that
+// leads down, or if it leads down itself; the literal node gives its own unless the "+" alone leads down.
+Step chooseWay(korEx* ex, uint8_t depth, korTopicList* list, korTopicNode* literal, const korTopicNode* plus,
+               const char* rest)
+{
+    bool plusLeads = plus != nullptr && plus->childLevel != nullptr;
+    if (literal != nullptr && literal->childLevel != nullptr) {
+        if (isHashAlone(rest)) {
+            addValues(KOR_AT(ex, depth), list, plus);
+        }
+        if (!plusLeads) {
+            return followWay(KOR_AT(ex, depth), list, literal, rest);
+        }
+        putOff(KOR_AT(ex, depth), list, literal, nullptr, rest);
+        return {plus->childLevel, rest};
+    }
+    if (plusLeads) {
+        return followWay(KOR_AT(ex, depth), list, plus, rest);
+    }
+    if (isHashAlone(rest)) {
+        addValues(KOR_AT(ex, depth), list, literal);
+    }
+    return nowhere;
+}
+
+Step _korTopicList_GetLevel(korEx* ex, uint8_t depth, korTopicList* list, const Step& at)
+{
+    Token token = cutToken(at.query);
+    if (isPlus(token.text, token.length) || isHash(token.text, token.length)) {
+        return _korTopicList_ProcessWildcardToken(KOR_AT(ex, depth), list, at.level, token);
+    }
+    addValues(KOR_AT(ex, depth), list, at.level->hashNode);
+    korTopicNode* literal = nodeHashGet(KOR_AT(ex, depth), at.level, token);
+    if (token.rest != nullptr) {
+        return chooseWay(KOR_AT(ex, depth), list, literal, at.level->plusNode, token.rest);
+    }
+    addValues(KOR_AT(ex, depth), list, literal);
+    addValues(KOR_AT(ex, depth), list, at.level->plusNode);
+    return nowhere;
+}
+
+// ---- Wildcards of the query met by wildcards only ----
+
+Step followNarrowWay(korEx* ex, uint8_t depth, korTopicList* list, const korTopicNode* node, const char* rest)
+{
+    if (node->childLevel == nullptr && isHashAlone(rest)) {
+        addValues(KOR_AT(ex, depth), list, node);
+    }
+    return {node->childLevel, rest};
+}
+
+Step _korTopicList_GetNarrowLevel(korEx* ex, uint8_t depth, korTopicList* list, const Step& at)
+{
+    Token token = cutToken(at.query);
+    addValues(KOR_AT(ex, depth), list, at.level->hashNode);
+    if (isHash(token.text, token.length)) {
+        return nowhere;
+    }
+    const korTopicNode* plus = at.level->plusNode;
+    bool plusLeads = plus != nullptr && token.rest != nullptr && plus->childLevel != nullptr;
+    if (token.rest == nullptr || (plusLeads && isHashAlone(token.rest))) {
+        addValues(KOR_AT(ex, depth), list, plus);
+    }
+    korTopicNode* literal =
+        isPlus(token.text, token.length) ? nullptr : nodeHashGet(KOR_AT(ex, depth), at.level, token);
+    if (token.rest == nullptr) {
+        addValues(KOR_AT(ex, depth), list, literal);
+        return nowhere;
+    }
+    if (!plusLeads) {
+        return literal == nullptr ? nowhere : followNarrowWay(KOR_AT(ex, depth), list, literal, token.rest);
+    }
+    if (literal != nullptr) {
+        putOff(KOR_AT(ex, depth), list, literal, nullptr, token.rest);
+    }
+    return {plus->childLevel, token.rest};
+}
+
+// ---- A query from the first level to the last branch ----
+
+using Match = Step (*)(korEx* ex, uint8_t depth, korTopicList* list, const Step& at);
+using Follow = Step (*)(korEx* ex, uint8_t depth, korTopicList* list, const korTopicNode* node, const char* rest);
+
+// Takes up the branch that was put off last.
+template <Follow follow>
+Step resume(korEx* ex, uint8_t depth, korTopicList* list)
+{
+    const auto* node = pointerOf<const korTopicNode>(pop(list->nodeStack));
+    auto* level = pointerOf<korTopicLevel>(pop(list->levelStack));
+    const auto* query = pointerOf<const char>(pop(list->tokenStack));
+    if (node != nullptr) {
+        return follow(KOR_AT(ex, depth), list, node, query);
+    }
+    korHashIterator entries = {level->nodes, 0};
+    return meetNodes(KOR_AT(ex, depth), list, level, query, &entries);
+}
+
+const korDpa* resultsOf(const korTopicList* list)
+{
+    return list->results->count > 0 ? list->results : nullptr;
+}
+
+template <Match match, Follow follow>
+const korDpa* runQuery(korEx* ex, uint8_t depth, korTopicList* list, const char* topic)
 {
     if (ex->code != 0 || list == nullptr || topic == nullptr) {
         return nullptr;
     }
-    clearScratch(list);
-    _korTopicList_GetLevel(KOR_AT(ex, depth), list, list->rootLevel, topic);
-    finishGet(KOR_AT(ex, depth), list);
-    return unlessEmpty(list->results);
+    clearStacks(list);
+    list->results->count = 0;
+    Step at = {list->rootLevel, topic};
+    while (ex->code == 0) {
+        if (at.level != nullptr) {
+            at = match(KOR_AT(ex, depth), list, at);
+        } else if (list->nodeStack->count > 0) {
+            at = resume<follow>(KOR_AT(ex, depth), list);
+        } else {
+            break;
+        }
+    }
+    return resultsOf(list);
+}
+
+} // namespace
+
+const korDpa* _korTopicList_Get(korEx* ex, uint8_t depth, korTopicList* list, const char* topic)
+{
+    return runQuery<_korTopicList_GetLevel, followWay>(KOR_AT(ex, depth), list, topic);
 }
 
 const korDpa* _korTopicList_GetNarrow(korEx* ex, uint8_t depth, korTopicList* list, const char* topic)
 {
-    if (ex->code != 0 || list == nullptr || topic == nullptr) {
-        return nullptr;
-    }
-    clearScratch(list);
-    _korTopicList_GetNarrowLevel(KOR_AT(ex, depth), list, list->rootLevel, topic);
-    finishNarrow(KOR_AT(ex, depth), list);
-    return unlessEmpty(list->results);
+    return runQuery<_korTopicList_GetNarrowLevel, followNarrowWay>(KOR_AT(ex, depth), list, topic);
 }
 
 const korDpa* _korTopicList_GetLiteral(korEx* ex, uint8_t depth, korTopicList* list, const char* topic)
 {
-    const korTopicLevel* level = list == nullptr || topic == nullptr ? nullptr : list->rootLevel;
-    while (ex->code == 0 && level != nullptr) {
-        Token token = cutToken(topic);
-        const korTopicNode* node = nodeHashGet(KOR_AT(ex, depth), level, token);
-        if (node == nullptr || token.next == nullptr) {
-            return node == nullptr ? nullptr : node->values;
-        }
-        level = node->childLevel;
-        topic = token.next;
+    if (ex->code != 0 || list == nullptr || topic == nullptr) {
+        return nullptr;
     }
-    return nullptr;
+    const korTopicLevel* level = list->rootLevel;
+    const korTopicNode* node = nullptr;
+    for (const char* rest = topic; rest != nullptr; level = node->childLevel) {
+        Token token = cutToken(rest);
+        node = level == nullptr ? nullptr : nodeHashGet(KOR_AT(ex, depth), level, token);
+        if (node == nullptr) {
+            return nullptr;
+        }
+        rest = token.rest;
+    }
+    return node->values;
 }
 
 const korDpa* _korTopicList_All(korEx* ex, uint8_t depth, korTopicList* list)
@@ -323,7 +252,7 @@ const korDpa* _korTopicList_All(korEx* ex, uint8_t depth, korTopicList* list)
     if (ex->code != 0 || list == nullptr) {
         return nullptr;
     }
-    clearScratch(list);
+    list->results->count = 0;
     _korTopicList_AddAll(KOR_AT(ex, depth), list, list->rootLevel);
-    return unlessEmpty(list->results);
+    return resultsOf(list);
 }

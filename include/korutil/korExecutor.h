@@ -230,6 +230,14 @@ KOR_API korJob* _korJob_Cancel(korEx* ex, uint8_t depth, korJob* job, uint8_t dr
 KOR_API bool _korJob_IsCancelled(korEx* ex, uint8_t depth, korJob* job);
 
 // ---- The library's own executors ------------------------------------------------------------------------------------
+//
+// The environment variable KOR_EXEC_CONF, read as the library opens, sets them up:
+//
+//     giExecutor=8,1000,guExecutor=2,500,warnOnTaskDur=100
+//
+// gives "giExecutor" 8 runners and a spin count of 1000, "guExecutor" 2 and 500, and has jobs of both reported that
+// take more than 100 milliseconds. Order is free, each piece may be left out, and what is not recognised is passed
+// over; "help" anywhere prints the grammar. What was found is printed to standard output.
 
 /// Makes the two executors: "giExecutor" with 4 runners for internal work and "guExecutor" with 1 for users' code, as
 /// KOR_EXEC_CONF says. Called as the library starts.

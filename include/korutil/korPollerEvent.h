@@ -64,8 +64,9 @@ KOR_API int32_t _korPollerEvent_GetType(korEx* ex, uint8_t depth, const korPolle
 /// Sets the caller's tag.
 KOR_API void _korPollerEvent_SetType(korEx* ex, uint8_t depth, korPollerEvent* event, int32_t type);
 
-/// The context and the closure that the event was made with. NULL with an error pending.
+/// The context that the event was made with. NULL with an error pending.
 KOR_API void* _korPollerEvent_GetContext(korEx* ex, uint8_t depth, const korPollerEvent* event);
+/// The closure that the event was made with. NULL with an error pending.
 KOR_API void* _korPollerEvent_GetClosure(korEx* ex, uint8_t depth, const korPollerEvent* event);
 
 KOR_END_DECLS

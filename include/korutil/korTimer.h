@@ -93,9 +93,9 @@ KOR_API korTimer* _korTimer_Create(korEx* ex, uint8_t depth, struct korExecutor*
 /// timer"; code 10 "Timer not in the right state" if it was started before; those of _korThread_Create.
 KOR_API void _korTimer_Start(korEx* ex, uint8_t depth, korTimer* timer);
 
-/// Stops a running timer: no callback starts any more, callbacks that run are waited for, tasks end. A callback must
-/// not stop its own timer like this: it would wait for itself. On a timer that does not run it does nothing, and NULL
-/// is accepted. Code 10 "Illegal to call _korTimer_Stop on a global timer".
+/// Stops a running timer: nothing is handed to the executor any more, callbacks that run or are with it already are
+/// waited for, tasks end. A callback must not stop its own timer like this: it would wait for itself. On a timer that
+/// does not run it does nothing, and NULL is accepted. Code 10 "Illegal to call _korTimer_Stop on a global timer".
 KOR_API void _korTimer_Stop(uint8_t depth, korEx* ex, korTimer* timer);
 
 /// The same without waiting for callbacks: those that run, or are with the executor already, end by themselves and keep

@@ -53,10 +53,10 @@ typedef struct korTopicList {
     korTopicLevel* rootLevel; ///< the first tokens; always there
     korDpa* results;          ///< what the queries give, reused by each
     uint32_t count;           ///< values stored, duplicates included
-    korDpa* nodeStack;        ///< scratch: a path of nodes
-    korDpa* levelStack;       ///< scratch: where a query comes back to
-    korDpa* tokenStack;       ///< scratch: and with which rest of its topic
-    korDpa* lengthStack;      ///< scratch
+    korDpa* nodeStack;        ///< scratch path: nodes
+    korDpa* levelStack;       ///< scratch path: levels
+    korDpa* tokenStack;       ///< scratch path: tokens, inside the caller's topic
+    korDpa* lengthStack;      ///< scratch path: lengths of tokens
     korPool* levelPool;       ///< levels; this and the next six are NULL in a list on the heap
     korPool* nodePool;        ///< nodes
     korPool* tokenPool;       ///< tokens of up to 32 bytes
@@ -107,8 +107,8 @@ KOR_API void _korTopicList_InsertEx(korEx* ex, uint8_t depth, korTopicList* list
                                     korTopicNode** node);
 
 /// Removes one `value` from a topic of exactly this text, or with 0 all values of it, and gives the number removed. The
-/// order of the values that stay is not kept. A NULL list or topic gives 0. Works with an error pending, and cannot
-/// fail.
+/// order of the values that stay is not kept. A NULL list or topic gives 0. Works with an error pending. Error: 2, for
+/// topics of more than 17 tokens and while a table of tokens changes its size; the result tells what was removed.
 KOR_API int32_t _korTopicList_Remove(uint8_t depth, korEx* ex, korTopicList* list, const char* topic, uint64_t value);
 
 /// The same, and `*remaining`, unless NULL, becomes the number of values left at the topic. It stays as it was if the
