@@ -56,7 +56,7 @@ korThreadOnce once;
 korMutex mutex;
 FailureTable* table;         // atomic: read by each check before anything else
 korFailure* retiredFailures; // what has been replaced: checks may still use it, so it is never freed
-uint8_t closed;              // guarded by nothing: a close is the end
+uint8_t closed;              // a close is the end, and nothing runs beside it
 
 FailureTable* currentTable()
 {
@@ -320,7 +320,7 @@ bool makeTable(korEx* ex, uint8_t depth)
         _kor_free(KOR_AT_D(depth, ex), made);
         return false;
     }
-    _korLogger_InitializeLogSource(&made->source, component, "");
+    _korLogger_InitializeLogSource(&made->source, component, "%s", "");
     std::atomic_ref(table).store(made, std::memory_order_release);
     return true;
 }
@@ -426,7 +426,7 @@ void _korFailures_Close(uint8_t depth, korEx* ex)
         return;
     }
     KOR_LOG_FAILURES(KOR_LOG_DEBUG, "Closing failures");
-    _korMutex_Clear(KOR_AT_D(depth, ex), &mutex);
+    _korMutex_Clear(KOR_AT(ex, depth), &mutex);
     korStrHashIterator walk;
     uint64_t failure;
     _korStrHash_IteratorInit(closing->failures, &walk);

@@ -1,6 +1,6 @@
 // kor_cJSON.cpp - the tree of JSON items: memory, building, walking, changing.
 //
-// The first item of a list knows the last one by `prev`. Lists are cJSON's to edit.
+// The first item of a list knows the last one by `prev`. Lists are cJSON's to walk and edit.
 
 #include "korutil/kor_cJSON.h"
 #include "korutil/korText.h"
@@ -160,26 +160,26 @@ kor_cJSON* createList(const Value* values, int32_t count, kor_cJSON* (*create)(V
     return array;
 }
 
-// The new item goes in before the old one, which is then the last to leave.
-bool replace(kor_cJSON* list, int32_t index, kor_cJSON* old, kor_cJSON* item)
+// Not cJSON's: its 1.7.15, as Debian 12 has it, refuses to insert anywhere but at the two ends.
+void insertBefore(kor_cJSON* list, kor_cJSON* behind, kor_cJSON* item)
 {
-    if (old == item) {
-        return true;
+    item->next = behind;
+    item->prev = behind->prev;
+    behind->prev = item;
+    if (list->child == behind) {
+        list->child = item;
+    } else {
+        item->prev->next = item;
     }
-    bool replaced = _kor_cJSON_InsertItemInArray(list, index, item);
-    if (replaced) {
-        _kor_cJSON_Delete(asItem(cJSON_DetachItemViaPointer(asList(list), asList(old))));
-    }
-    return replaced;
 }
 
-int32_t indexOf(const kor_cJSON* list, const kor_cJSON* item)
+// The new item goes in before the old one leaves, so that the list is whole at each step.
+void replace(kor_cJSON* list, kor_cJSON* old, kor_cJSON* item)
 {
-    int32_t index = 0;
-    for (const kor_cJSON* i = list->child; i != item; i = i->next) {
-        index++;
+    if (old != item) {
+        insertBefore(list, old, item);
+        _kor_cJSON_Delete(asItem(cJSON_DetachItemViaPointer(asList(list), asList(old))));
     }
-    return index;
 }
 
 } // namespace
@@ -423,22 +423,35 @@ void _kor_cJSON_AddFormattedStringToObject(kor_cJSON* object, const char* key, c
 
 bool _kor_cJSON_InsertItemInArray(kor_cJSON* array, int32_t index, kor_cJSON* item)
 {
-    if (array == nullptr || item == nullptr || array == item) {
+    if (array == nullptr || item == nullptr || array == item || index < 0) {
         return false;
     }
-    return cJSON_InsertItemInArray(asList(array), index, asList(item)) != 0;
+    kor_cJSON* behind = _kor_cJSON_GetArrayItem(array, index);
+    if (behind == nullptr) {
+        return _kor_cJSON_AddItemToArray(array, item);
+    }
+    insertBefore(array, behind, item);
+    return true;
 }
 
 bool _kor_cJSON_ReplaceItemInArray(kor_cJSON* array, int32_t index, kor_cJSON* item)
 {
     kor_cJSON* old = _kor_cJSON_GetArrayItem(array, index);
-    return old != nullptr && item != nullptr && replace(array, index, old, item);
+    if (old == nullptr || item == nullptr || item == array) {
+        return false;
+    }
+    replace(array, old, item);
+    return true;
 }
 
 bool _kor_cJSON_ReplaceItemInObject(kor_cJSON* object, const char* key, kor_cJSON* item)
 {
     kor_cJSON* old = _kor_cJSON_GetObjectItem(object, key);
-    return old != nullptr && item != nullptr && copyKey(item, key) && replace(object, indexOf(object, old), old, item);
+    if (old == nullptr || item == nullptr || item == object || !copyKey(item, key)) {
+        return false;
+    }
+    replace(object, old, item);
+    return true;
 }
 
 kor_cJSON* _kor_cJSON_DetachItemFromArray(kor_cJSON* array, int32_t index)
