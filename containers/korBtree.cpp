@@ -11,7 +11,6 @@
 #include "korutil/korAlloc.h"
 
 #include <algorithm>
-#include <bit>
 #include <cstddef>
 #include <cstring>
 #include <utility>
@@ -38,7 +37,7 @@ struct Spot {
 
 bool isValidCapacity(korEx* ex, uint8_t depth, int16_t maxItemsPerNode)
 {
-    if (ex->code == 0 && (maxItemsPerNode < 4 || !std::has_single_bit(static_cast<uint16_t>(maxItemsPerNode)))) {
+    if (ex->code == 0 && (maxItemsPerNode < 4 || (maxItemsPerNode & (maxItemsPerNode - 1)) != 0)) {
         KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, "maxItemsPerNode must be 4 or greater power of 2");
     }
     return ex->code == 0;
@@ -167,12 +166,10 @@ Place placeBefore(const korBtree* tree, Place place)
     return {previous, previous != nullptr ? lastIndexOf(tree, previous) : 0};
 }
 
-// The first entry above a key; no node if there is none.
-Place placeAbove(const korBtree* tree, int64_t key)
+// The first entry above a key that is not the remembered one; no node if there is none. Apart from the walk's own step,
+// so that the step needs no stack.
+__attribute__((noinline)) Place placeAbove(const korBtree* tree, int64_t key)
 {
-    if (key == tree->lastKey) {
-        return placeAfter(tree, {tree->lastNode, tree->lastIndex});
-    }
     if (key < tree->minKey) {
         return {tree->firstLeaf, tree->firstLeaf->start};
     }
@@ -180,12 +177,9 @@ Place placeAbove(const korBtree* tree, int64_t key)
     return place.node->items[place.index].key > key ? place : placeAfter(tree, place);
 }
 
-// The first entry below a key; no node if there is none.
-Place placeBelow(const korBtree* tree, int64_t key)
+// The first entry below a key that is not the remembered one; no node if there is none.
+__attribute__((noinline)) Place placeBelow(const korBtree* tree, int64_t key)
 {
-    if (key == tree->lastKey) {
-        return placeBefore(tree, {tree->lastNode, tree->lastIndex});
-    }
     if (key > tree->maxKey) {
         return {tree->lastLeaf, lastIndexOf(tree, tree->lastLeaf)};
     }
@@ -824,7 +818,9 @@ bool _korBtree_GetNext(korEx* ex, uint8_t, korBtree* tree, int64_t key, int64_t*
     if (ex->code != 0 || tree->count == 0 || tree->maxKey <= key) {
         return false;
     }
-    return visit(tree, placeAbove(tree, key), nextKey, nextValue);
+    Place place =
+        KOR_LIKELY(key == tree->lastKey) ? placeAfter(tree, {tree->lastNode, tree->lastIndex}) : placeAbove(tree, key);
+    return visit(tree, place, nextKey, nextValue);
 }
 
 bool _korBtree_GetPrevious(korEx* ex, uint8_t, korBtree* tree, int64_t key, int64_t* previousKey,
@@ -833,7 +829,9 @@ bool _korBtree_GetPrevious(korEx* ex, uint8_t, korBtree* tree, int64_t key, int6
     if (ex->code != 0 || tree->count == 0 || tree->minKey >= key) {
         return false;
     }
-    return visit(tree, placeBelow(tree, key), previousKey, previousValue);
+    Place place =
+        KOR_LIKELY(key == tree->lastKey) ? placeBefore(tree, {tree->lastNode, tree->lastIndex}) : placeBelow(tree, key);
+    return visit(tree, place, previousKey, previousValue);
 }
 
 uint64_t _korBtree_Set(korEx* ex, uint8_t depth, korBtree* tree, int64_t key, uint64_t value)
