@@ -174,7 +174,7 @@ public:
         event_base_loop(base_, EVLOOP_ONCE | EVLOOP_NONBLOCK);
         return seen_;
     }
-    void waitForWake() { event_base_loop(base_, EVLOOP_ONCE); }
+    void waitForWake() { event_base_loop(base_, EVLOOP_ONCE | EVLOOP_NO_EXIT_ON_EMPTY); }
     void wake() { event_active(wake_, 0, 0); }
 
 private:

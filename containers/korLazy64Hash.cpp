@@ -1,6 +1,7 @@
 // korLazy64Hash.cpp - 64-bit keys over the engine of lazyTable.h: the key is its own code, entries come from a cache.
 
 #include "korutil/korLazy64Hash.h"
+#include "containers/cachedChunk.h"
 #include "containers/lazyTable.h"
 #include "korutil/korPool.h"
 
@@ -16,17 +17,6 @@ struct IntegerKey {
 
     bool matches(const korLazy64Entry* entry) const { return entry->key == code; }
 };
-
-// A cache that could not grow leaves the chunk with its caller; the pool takes it then.
-void returnToCache(uint8_t depth, korEx* ex, korPoolCache* cache, void* chunk)
-{
-    int32_t cached = cache->chunks.count;
-    bool keeps = cached < cache->maxSize;
-    _korPoolCache_Return(KOR_AT_D(depth, ex), cache, chunk);
-    if (keeps && cache->chunks.count == cached) {
-        _korPool_Return(KOR_AT_D(depth, ex), cache->pool, chunk);
-    }
-}
 
 struct IntegerPolicy {
     using Table = korLazy64Hash;
@@ -71,7 +61,7 @@ struct IntegerPolicy {
         if (pools == nullptr) {
             _kor_free(KOR_AT_D(depth, ex), entry);
         } else if (entry != nullptr) {
-            returnToCache(KOR_AT_D(depth, ex), &pools->entryCache, entry);
+            kor::returnToCache(KOR_AT_D(depth, ex), &pools->entryCache, entry);
         }
     }
 

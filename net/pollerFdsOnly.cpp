@@ -171,6 +171,33 @@ void _pollRemoveEvents_FdsOnly(uint8_t depth, korEx* ex, PollerObject* object)
     }
 }
 
+// What the waiter is woken by: a counter that can be polled, on both sides of the pair, or a real pair of sockets. A
+// pair has room for so many unread wakes only; a counter never makes the waker wait.
+void openInterrupt(korEx* ex, uint8_t depth, korPoller* poller)
+{
+    if (!platform::hasWakeCounter) {
+        _korSocket_CreatePair(KOR_AT(ex, depth), &poller->socketPair[0], &poller->socketPair[1]);
+        _korSocket_SetBlocking(KOR_AT(ex, depth), poller->socketPair[0], 0);
+    } else if (platform::wakeCounterOpen(&poller->socketPair[0])) {
+        poller->socketPair[1] = poller->socketPair[0];
+    } else {
+        poller->socketPair[0] = platform::noSocket;
+        ex->osError = platform::lastSystemError();
+        KOR_RAISE(ex, depth, KOR_ERROR_OS, "poller create failed");
+    }
+    poller->interruptReadSocket = poller->socketPair[0];
+}
+
+void closeInterrupt(uint8_t depth, korEx* ex, korPoller* poller)
+{
+    if (!platform::hasWakeCounter) {
+        _korSocket_Close(KOR_AT_D(depth, ex), poller->socketPair[0]);
+        _korSocket_Close(KOR_AT_D(depth, ex), poller->socketPair[1]);
+    } else if (poller->socketPair[0] != platform::noSocket) {
+        platform::interruptClose(poller->socketPair[0]);
+    }
+}
+
 void createFdsOnly(korEx* ex, uint8_t depth, PollerObject* object)
 {
     korPoller* poller = &object->record;
@@ -182,9 +209,7 @@ void createFdsOnly(korEx* ex, uint8_t depth, PollerObject* object)
     if (ex->code != 0) {
         return;
     }
-    _korSocket_CreatePair(KOR_AT(ex, depth), &poller->socketPair[0], &poller->socketPair[1]);
-    _korSocket_SetBlocking(KOR_AT(ex, depth), poller->socketPair[0], 0);
-    poller->interruptReadSocket = poller->socketPair[0];
+    openInterrupt(KOR_AT(ex, depth), poller);
     if (ex->code == 0 && !platform::pollSetOpen(&object->set)) {
         ex->osError = platform::lastSystemError();
         KOR_RAISE(ex, depth, KOR_ERROR_OS, "poller create failed");
@@ -206,24 +231,35 @@ void clearFdsOnly(uint8_t depth, korEx* ex, PollerObject* object)
     for (void* block : blocks) {
         _kor_free(KOR_AT_D(depth, ex), block);
     }
-    _korSocket_Close(KOR_AT_D(depth, ex), poller->socketPair[0]);
-    _korSocket_Close(KOR_AT_D(depth, ex), poller->socketPair[1]);
+    closeInterrupt(KOR_AT_D(depth, ex), poller);
 }
 
-// A failure to wake is told to nobody. (When so many wakes are unread that the pair is full, the waiter comes anyway;
-// where the system lets a send say so, it does not wait for him.)
+// A failure to wake is told to nobody.
 void interruptFdsOnly(uint8_t depth, korEx* ex, korPoller* poller)
 {
+    if (platform::hasWakeCounter) {
+        platform::interruptSet(poller->socketPair[1]);
+        return;
+    }
     KOR_EX_PRIVATE(own, ex, depth);
-    _korSocket_Send(KOR_AT(&own, depth), poller->socketPair[1], "!", 1, platform::sendWithoutWaiting);
+    _korSocket_Send(KOR_AT(&own, depth), poller->socketPair[1], "!", 1, 0);
 }
 
-// Takes one wake, and does what it was for.
-void takeInterrupt(korEx* ex, uint8_t depth, PollerObject* object)
+// Takes one wake; those that are left make the waiter come again.
+void takeWake(korEx* ex, uint8_t depth, const korPoller* poller)
 {
+    if (platform::hasWakeCounter) {
+        platform::interruptReset(poller->interruptReadSocket);
+        return;
+    }
     KOR_EX_PRIVATE(own, ex, depth);
     char wake;
-    _korSocket_Recv(KOR_AT(&own, depth), object->record.interruptReadSocket, &wake, 1, 0);
+    _korSocket_Recv(KOR_AT(&own, depth), poller->interruptReadSocket, &wake, 1, 0);
+}
+
+void takeInterrupt(korEx* ex, uint8_t depth, PollerObject* object)
+{
+    takeWake(KOR_AT(ex, depth), &object->record);
     _pollRemoveEvents(KOR_AT_D(depth, ex), object);
     _pollAddEvents(KOR_AT(ex, depth), object);
 }

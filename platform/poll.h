@@ -11,7 +11,6 @@ namespace kor::platform {
 inline constexpr int64_t noHandle = -1;
 
 extern const int32_t errorInvalidHandle; ///< a handle that is none, or none any more
-extern const int32_t sendWithoutWaiting; ///< flag of a send that fails rather than waits, if the system has it, else 0
 
 // ---- The event that interrupts a wait: on until it is reset ----
 
@@ -19,6 +18,10 @@ bool interruptOpen(int64_t* handle); ///< off at first
 void interruptClose(int64_t handle);
 void interruptSet(int64_t handle); ///< any thread
 void interruptReset(int64_t handle);
+
+extern const bool hasWakeCounter; ///< there is such a handle for a poll set, too
+/// One that counts: each set lets a poll find it on, and each reset takes one set back. It is polled as a socket is.
+bool wakeCounterOpen(int64_t* handle);
 
 // ---- Any of some handles ----
 

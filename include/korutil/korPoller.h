@@ -63,7 +63,7 @@ typedef struct korPoller {
     korPollFd* pollArray;                        ///< `FdsOnly`: the slots; slot 0 is the interrupt
     int32_t pollSize;                            ///< `FdsOnly`: elements of the poll array
     int64_t interruptReadSocket;                 ///< `FdsOnly`: the first of the pair
-    int64_t socketPair[2];                       ///< `FdsOnly`: read side and write side of the interrupt
+    int64_t socketPair[2];                       ///< `FdsOnly`: read and write side of the interrupt; may be the same
     uint8_t kind;                                ///< 1 = `FdsOnly`, 0 = `Full`
 } korPoller;
 
@@ -72,7 +72,7 @@ typedef struct korPoller {
 KOR_API korPoller* _korPoller_Create(korEx* ex, uint8_t depth);
 
 /// Makes a `FdsOnly` poller if `fdsOnly` is not 0, else as _korPoller_Create. Sockets must have been started. Errors:
-/// 2; 6, of the interrupt's sockets.
+/// 2; 6, of the interrupt's sockets, or "poller create failed".
 KOR_API korPoller* _korPoller_CreateEx(korEx* ex, uint8_t depth, uint8_t fdsOnly);
 
 /// Wakes the waiter and frees the poller, or leaves that to a waiter who is inside: his wait fails with code 10 "poller

@@ -3,10 +3,12 @@
 #ifndef KORUTIL_KORUTIL_H
 #define KORUTIL_KORUTIL_H
 
+#include "korutil/kor128Hash.h"
 #include "korutil/korAffinity.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korBase.h"
 #include "korutil/korBitset.h"
+#include "korutil/korBtree.h"
 #include "korutil/korBuf.h"
 #include "korutil/korBuffer.h"
 #include "korutil/korCPU.h"
@@ -31,10 +33,12 @@
 #include "korutil/korHIDHash.h"
 #include "korutil/korHandler.h"
 #include "korutil/korHash.h"
+#include "korutil/korHashChain.h"
 #include "korutil/korHeaderID.h"
 #include "korutil/korHiResPerf.h"
 #include "korutil/korHostResolutions.h"
 #include "korutil/korHrTimer.h"
+#include "korutil/korI32Hash.h"
 #include "korutil/korI64Hash.h"
 #include "korutil/korIfAddr.h"
 #include "korutil/korInetIfTable.h"

@@ -16,7 +16,6 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace kor::platform {
@@ -180,7 +179,6 @@ void orderReady(PollSet* set, const PollSlot* slots, uint32_t size)
 } // namespace
 
 const int32_t errorInvalidHandle = EBADF;
-const int32_t sendWithoutWaiting = MSG_DONTWAIT;
 
 bool interruptOpen(int64_t* handle)
 {
@@ -204,6 +202,14 @@ void interruptReset(int64_t handle)
 {
     uint64_t taken;
     [[maybe_unused]] ssize_t size = read(static_cast<int>(handle), &taken, sizeof taken);
+}
+
+const bool hasWakeCounter = true;
+
+bool wakeCounterOpen(int64_t* handle)
+{
+    *handle = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC | EFD_SEMAPHORE);
+    return *handle >= 0;
 }
 
 int32_t waitForAny(const int64_t* handles, uint32_t count, int32_t timeoutMs, WaitView* view)

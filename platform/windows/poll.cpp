@@ -34,7 +34,6 @@ long networkMask(uint32_t interest)
 } // namespace
 
 const int32_t errorInvalidHandle = ERROR_INVALID_HANDLE;
-const int32_t sendWithoutWaiting = 0;
 
 bool interruptOpen(int64_t* handle)
 {
@@ -55,6 +54,13 @@ void interruptSet(int64_t handle)
 void interruptReset(int64_t handle)
 {
     ResetEvent(handleOf(handle));
+}
+
+const bool hasWakeCounter = false;
+
+bool wakeCounterOpen(int64_t*)
+{
+    return false;
 }
 
 int32_t waitForAny(const int64_t* handles, uint32_t count, int32_t timeoutMs, WaitView*)

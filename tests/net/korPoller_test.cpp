@@ -284,7 +284,7 @@ TEST_P(KorPollerKinds, WithoutDescriptorsThereIsAnErrorAndNoPoller)
         korEx_Clear(ex);
     }
     {
-        DescriptorLimit limit(2); // enough for the pair, not for what polls
+        DescriptorLimit limit(1); // enough for the interrupt, not for what polls sockets
         korPoller* poller = _korPoller_CreateEx(ex, 0, fdsOnly);
         EXPECT_EQ(poller == nullptr, fdsOnly);
         korEx_Clear(ex);
@@ -520,6 +520,9 @@ TEST_F(KorPoller, FdsOnlyTellsTheWaiterWhatItCannotTake)
 
 TEST_F(KorPoller, FdsOnlyPollsASocketForSeveralEvents)
 {
+    if (!pollsSocketTwice) {
+        GTEST_SKIP() << "this system tells but one of them";
+    }
     create(true);
     Pair pair(ex);
     korPollerEvent* reader = add(pair.first, KOR_POLL_READ);

@@ -23,6 +23,7 @@ namespace kor::test {
 #ifdef _WIN32
 
 inline constexpr int32_t invalidHandleError = ERROR_INVALID_HANDLE;
+inline constexpr bool pollsSocketTwice = false; ///< the system's poll tells a socket that is asked for twice but once
 
 /// A handle that is signalled when the test says so.
 class Handle
@@ -66,6 +67,7 @@ struct SignalNoise {
 #else
 
 inline constexpr int32_t invalidHandleError = EBADF;
+inline constexpr bool pollsSocketTwice = true;
 
 class Handle
 {

@@ -1,0 +1,20 @@
+// cachedChunk.h - a chunk given back to a pool cache, by owners that have no place to keep one that the cache refuses.
+
+#pragma once
+
+#include "korutil/korPoolCache.h"
+
+namespace kor {
+
+/// Gives a chunk to the cache. A cache that could not grow leaves the chunk with its caller; the pool takes it then.
+inline void returnToCache(uint8_t depth, korEx* ex, korPoolCache* cache, void* chunk)
+{
+    int32_t cached = cache->chunks.count;
+    bool keeps = cached < cache->maxSize;
+    _korPoolCache_Return(KOR_AT_D(depth, ex), cache, chunk);
+    if (keeps && cache->chunks.count == cached) {
+        _korPool_Return(KOR_AT_D(depth, ex), cache->pool, chunk);
+    }
+}
+
+} // namespace kor
