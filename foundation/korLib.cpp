@@ -10,6 +10,7 @@
 #include "korutil/korAlloc.h"
 #include "korutil/korBuffer.h"
 #include "korutil/korExecutor.h"
+#include "korutil/korFailures.h"
 #include "korutil/korMutex.h"
 #include "korutil/korObjectMap.h"
 #include "korutil/korRand.h"
@@ -88,6 +89,7 @@ void stopSubsystems(uint8_t depth, korEx* ex)
     _korBuffer_DestroyPool(KOR_AT(ex, depth));
     _korTimer_Close(KOR_AT_D(depth, ex));
     _korExecutor_Close(KOR_AT_D(depth, ex));
+    _korFailures_Close(KOR_AT_D(depth, ex));
     _korAffinity_Close(KOR_AT_D(depth, ex));
     _korEx_Close(KOR_AT(ex, depth));
 }
@@ -184,8 +186,13 @@ void atUnload(UnloadStep& step)
 void libraryUnloads()
 {
     endThreadValues();
-    for (UnloadStep* step = unloadSteps; step != nullptr; step = step->next) {
-        step->run();
+    while (UnloadStep* step = std::atomic_ref(unloadSteps).exchange(nullptr)) {
+        while (step != nullptr) {
+            UnloadStep* next =
+                step->next; // a step may bring one back that has run: an error asks for the program's name
+            step->run();
+            step = next;
+        }
     }
     freeThreadStore();
 }

@@ -46,7 +46,26 @@ constexpr std::array<uint8_t, 256> makeBase64Values()
     return values;
 }
 
-constexpr std::array<uint8_t, 256> base64Values = makeBase64Values();
+// What a character adds to its group at each of the four places: its digit's bits where they belong in the 24 of the
+// group, or a count of one above them for padding. So a group is four look-ups and their sum.
+struct DigitTable {
+    uint32_t places[4][256];
+};
+
+constexpr DigitTable makeBase64Digits()
+{
+    constexpr std::array<uint8_t, 256> values = makeBase64Values();
+    DigitTable table{};
+    for (uint32_t place = 0; place < 4; place++) {
+        for (uint32_t character = 0; character < 256; character++) {
+            table.places[place][character] = uint32_t{values[character]} << (18 - 6 * place);
+        }
+        table.places[place][static_cast<uint8_t>('=')] = uint32_t{1} << 24;
+    }
+    return table;
+}
+
+constexpr DigitTable base64Digits = makeBase64Digits();
 
 // Indexed by the low 7 bits of a character, less 32: 96 places, those of no digit 0.
 constexpr std::array<uint8_t, 96> makeZ85Values()
@@ -132,16 +151,13 @@ int32_t _base64_Encode(korEx* ex, uint8_t depth, const Base64Form& form, const u
 // Writes the three bytes of a group and gives how many of its characters are padding.
 KOR_INLINE int32_t decodeGroup(uint8_t* bytes, const char* group)
 {
-    uint32_t value = 0;
-    int32_t padding = 0;
-    for (int i = 0; i < 4; i++) {
-        value = value << 6 | base64Values[static_cast<uint8_t>(group[i])];
-        padding += group[i] == '=';
-    }
+    const auto* in = reinterpret_cast<const uint8_t*>(group);
+    const auto& places = base64Digits.places;
+    uint32_t value = places[0][in[0]] + places[1][in[1]] + places[2][in[2]] + places[3][in[3]];
     bytes[0] = static_cast<uint8_t>(value >> 16);
     bytes[1] = static_cast<uint8_t>(value >> 8);
     bytes[2] = static_cast<uint8_t>(value);
-    return padding;
+    return static_cast<int32_t>(value >> 24);
 }
 
 int32_t _base64_Decode(korEx* ex, uint8_t depth, uint8_t* bytes, int32_t size, const char* text, int32_t length)

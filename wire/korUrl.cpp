@@ -12,14 +12,18 @@
 namespace kor {
 namespace {
 
+// The C library's lower case. Words mostly differ in their first character, or in none.
 bool sameWord(const char* left, const char* right)
 {
     auto lower = [](char character) { return std::tolower(static_cast<unsigned char>(character)); };
-    while (*left != '\0' && lower(*left) == lower(*right)) {
+    while (*left == *right || lower(*left) == lower(*right)) {
+        if (*left == '\0') {
+            return true;
+        }
         left++;
         right++;
     }
-    return lower(*left) == lower(*right);
+    return false;
 }
 
 // ---- Fields ----

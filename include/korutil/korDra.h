@@ -56,9 +56,9 @@ KOR_API korDra* _korDra_Copy(korEx* ex, uint8_t depth, const korDra* source);
 /// Appends all records of `source`, growing by exactly what is missing. The record sizes are not compared. Code 2.
 KOR_API void _korDra_AddDra(korEx* ex, uint8_t depth, korDra* array, const korDra* source);
 
-/// Adds `bytes`, 0 or more, to the capacity. The storage is on the heap afterwards. After a failure the array has no
-/// storage any more and must be cleared or destroyed: its records are gone. Errors: code 1 for a negative number; code
-/// 2.
+/// Adds `bytes`, 0 or more, to the capacity. The storage is on the heap afterwards. After a failure for want of memory
+/// the array has no storage any more and must be cleared or destroyed: its records are gone. Errors: code 1 for a
+/// negative number; code 2.
 KOR_API void _korDra_GrowBytes(korEx* ex, uint8_t depth, korDra* array, int32_t bytes);
 
 /// The slow half of _korDra_New: triples a full array and gives its new last record. Works with an error pending; a
@@ -90,7 +90,7 @@ KOR_INLINE korDra* _korDra_Create(korEx* ex, uint8_t depth, int32_t size, int32_
 /// left; any other reads as zero. NULL after a failure. Works with an error pending. Code 2.
 KOR_INLINE void* _korDra_New(uint8_t depth, korEx* ex, korDra* array)
 {
-    if (KOR_LIKELY(array->used < array->capacity)) {
+    if (KOR_LIKELY(array->bytes != NULL && array->capacity - array->used >= (int32_t)array->recordSize)) {
         void* record = array->bytes + array->used;
         array->used += (int32_t)array->recordSize;
         return record;

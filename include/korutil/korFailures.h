@@ -36,9 +36,9 @@ KOR_BEGIN_DECLS
 KOR_DATA uint8_t fmInitialized;
 
 /// Loads a configuration: a path, or the text itself behind "buf:". A further call adds to what is there, and a name
-/// that is there already is replaced. Checks may go on meanwhile. Not to be called after _korFailures_Close. Errors:
-/// code 1 "Invalid json string" for a text that is no JSON object or has 4096 bytes or more once read; code 2; code 9
-/// or 8 for a file that cannot be opened, code 15 if it cannot be read.
+/// that is there already is replaced. Checks may go on meanwhile. Errors: code 10 after _korFailures_Close; code 1
+/// "Invalid json string" for a text that is no JSON object or has 4096 bytes or more once read; code 2; code 9 or 8 for
+/// a file that cannot be opened, code 15 if it cannot be read.
 KOR_API void _korFailures_Open(korEx* ex, uint8_t depth, const char* text);
 
 /// Forgets all failures. Does nothing if none were loaded. Works with an error pending. No check may run meanwhile.

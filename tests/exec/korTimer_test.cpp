@@ -99,6 +99,13 @@ protected:
     }
     /// Before the watches of a test go.
     void stop() { _korTimer_Stop(KOR_AT_D(0, ex), timer); }
+    bool isStopping()
+    {
+        korMutex_enter(timer->mutex);
+        bool stopping = timer->state == 3;
+        korMutex_leave(timer->mutex);
+        return stopping;
+    }
     uint64_t schedule(Watch& watch, int64_t delay, int64_t interval)
     {
         watch.interval = std::min(interval, never);
@@ -288,10 +295,15 @@ TEST_F(KorTimerTest, StopWaitsForWhatRunsAndStopNoWaitDoesNot)
     Watch runs, waits;
     runs.ran = &ran;
     runs.gate = &gate;
-    schedule(runs, 0, never); // a second run would wait at the gate for good
+    schedule(runs, 0, 1);
     schedule(waits, never, 0);
     ran.acquire();
-    std::jthread opener([this] { gate.release(); });
+    std::jthread opener([this] { // once the stop has begun: a second run would wait at the gate for good
+        while (!isStopping()) {
+            std::this_thread::yield();
+        }
+        gate.release();
+    });
     stop();
     EXPECT_TRUE(runs.runs == 1 && runs.ends == 1 && runs.inside == 0);
     EXPECT_TRUE(waits.runs == 0 && waits.ends == 1);

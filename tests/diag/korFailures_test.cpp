@@ -1,0 +1,313 @@
+// korFailures_test.cpp - failure injection: which checks fire, what a configuration may hold, the end of the process.
+//
+// The table is the process's and is never given up here, so every test uses names of its own. What ends it, and what
+// ends the process, runs in a child.
+
+#include "korutil/korFailures.h"
+
+#include "korutil/korFile.h"
+#include "korutil/korLib.h"
+#include "korutil/korLogger.h"
+#include "korutil/korRand.h"
+#include "korutil/korTime.h"
+#include "support/childProcess.h"
+#include "support/failingHeap.h"
+#include "support/korTest.h"
+
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace kor::test;
+
+std::mutex statementsLock;
+std::vector<std::string> statements;
+
+void collect(const char* message, uint32_t length, const char*, const char*, int32_t, int32_t, const char*)
+{
+    std::lock_guard guard(statementsLock);
+    statements.emplace_back(message, length);
+}
+
+class KorFailuresTest : public KorTest
+{
+protected:
+    KorFailuresTest()
+    {
+        _korRand_Open(KOR_AT(ex, 0));
+        _korLogger_SetLogLevels(KOR_AT(ex, 0), "tests:debug3");
+        _korLogger_SetLogCentral(KOR_AT(ex, 0), collect);
+        statements.clear();
+    }
+    ~KorFailuresTest() override
+    {
+        _korLogger_SetLogCentral(KOR_AT(ex, 0), nullptr);
+        _korLogger_SetLogLevels(KOR_AT(ex, 0), "tests:info");
+    }
+
+    void open(const std::string& text) { _korFailures_Open(KOR_AT(ex, 0), text.c_str()); }
+    void load(const std::string& entries) { open("buf:{\"failures\":[" + entries + "]}"); }
+    bool check(const std::string& name) { return _korFailures_Check(KOR_AT(ex, 0), name.c_str()); }
+
+    // One letter a check, from the first: x for one that fired.
+    std::string checks(const std::string& name, int count)
+    {
+        std::string fired;
+        while (count-- > 0) {
+            fired += check(name) ? 'x' : '.';
+        }
+        return fired;
+    }
+
+    bool said(const std::string& statement)
+    {
+        std::lock_guard guard(statementsLock);
+        return std::find(statements.begin(), statements.end(), statement) != statements.end();
+    }
+
+    std::optional<StreamCapture> console{StreamCapture::error}; // the statements need not be seen
+};
+
+TEST_F(KorFailuresTest, WhichChecksFire)
+{
+    struct {
+        const char *name, *rules, *fired;
+    } cases[] = {
+        {"interval", R"("interval":3,"num_of_failures":2)", "..x..x......"},
+        {"offset", R"("offset":5,"num_of_failures":100)", "....xxxxxxxx"},
+        {"both", R"("offset":9,"interval":4,"num_of_failures":100)", "...x...xxxxx"},
+        {"limit", R"("offset":1,"num_of_failures":3)", "xxx........."},
+        {"nolimit", R"("offset":1,"interval":1)", "............"},
+        {"below", R"("interval":1,"num_of_failures":-1)", "............"},
+        {"norule", R"("num_of_failures":100)", "............"},
+        {"exponent", R"("interval":2e0,"num_of_failures":1e1)", ".x.x.x.x.x.x"},
+        {"nochance", R"("chance":1,"num_of_failures":100)", "............"}, // one draw of 2^64 may still fire
+    };
+    for (const auto& c : cases) {
+        load(std::string("{\"name\":\"") + c.name + "\",\"skip\":true," + c.rules + "}");
+        EXPECT_CLEAN();
+        EXPECT_TRUE(said(std::string("Failure '") + c.name + "' loaded."));
+        EXPECT_EQ(checks(c.name, 12), c.fired) << c.name;
+    }
+    EXPECT_EQ(fmInitialized, 1);
+    EXPECT_FALSE(check("absent"));
+    KOR_RAISE(ex, 0, 100, "pending");
+    EXPECT_FALSE(check("offset"));
+    EXPECT_RAISED(100, "pending");
+}
+
+TEST_F(KorFailuresTest, ChanceIsThatOfNotFiring)
+{
+    load(R"({"name":"quarter","chance":0.25,"num_of_failures":100000,"skip":true})");
+    std::string fired = checks("quarter", 4000);
+    auto count = std::count(fired.begin(), fired.end(), 'x');
+    EXPECT_GT(count, 2700); // 3000 are expected, and 11 standard deviations allowed
+    EXPECT_LT(count, 3300);
+}
+
+// What discards an entry does so where it stands; all else in it is reported or ignored.
+TEST_F(KorFailuresTest, EntriesOfManyKinds)
+{
+    struct {
+        const char *name, *members;
+        bool loaded;
+    } cases[] = {
+        {"chance0", R"("chance":0)", false},
+        {"chance1.5", R"("chance":1.5)", false},
+        {"chance-1", R"("chance":-1,"unheard":1)", false},
+        {"disabled", R"("enable":false,"unheard":1)", false},
+        {"enabled", R"("enable":true)", true},
+        {"enabled1", R"("enable":1)", true},
+        {"noflag", R"("skip":1)", true},
+    };
+    for (const auto& c : cases) {
+        load(std::string("{\"name\":\"") + c.name + R"(","interval":1,"num_of_failures":1,"skip":true,)" + c.members +
+             "}");
+        EXPECT_EQ(said(std::string("Failure '") + c.name + "' loaded."), c.loaded) << c.name;
+        EXPECT_EQ(check(c.name), c.loaded && std::string(c.name) != "noflag") << c.name;
+    }
+    for (const char* name : {"chance-1", "disabled"}) {
+        EXPECT_FALSE(said(std::string("Unknown failure property 'unheard' in failure '") + name + "'."));
+    }
+    load(
+        R"({"strange":1,"name":"typed","interval":"3","NAME":"x","delay":true,"onoffile":1,"chance":"1"}, [1], 7, {})");
+    EXPECT_TRUE(said("Unknown failure property 'strange'."));
+    for (const char* key : {"interval", "NAME", "delay", "onoffile", "chance"}) {
+        EXPECT_TRUE(said(std::string("Unknown failure property '") + key + "' in failure 'typed'.")) << key;
+    }
+    statements.clear();
+    load(R"({"interval":1,"num_of_failures":1,"skip":true},{"name":7})");
+    EXPECT_FALSE(said("Failure '' loaded."));
+    EXPECT_CLEAN();
+}
+
+TEST_F(KorFailuresTest, LaterEntryReplacesEarlierOne)
+{
+    load(R"({"name":"twice","interval":1,"num_of_failures":9,"skip":true},{"name":"twice","name":"twice"})");
+    EXPECT_TRUE(said("Failure 'twice' replaced by more recent one"));
+    EXPECT_FALSE(check("twice"));
+}
+
+TEST_F(KorFailuresTest, Texts)
+{
+    struct {
+        const char* text;
+        bool valid;
+    } cases[] = {{"buf:", false},
+                 {"buf:[]", false},
+                 {"buf:{\"failures\":[", false},
+                 {"buf:1", false},
+                 {"buf:{}", true},
+                 {"buf:{\"failures\":[]}", true},
+                 {"buf:{\"failures\":1}", true},
+                 {"buf:{\"x\":[{\"name\":\"x\"}]}", true}};
+    for (const auto& c : cases) {
+        open(c.text);
+        EXPECT_TRUE(c.valid ? clean(ex) : raised(ex, 1, "Invalid json string")) << c.text;
+    }
+    open("buf:{\"FaiLures\":[{\"name\":\"cased\"}]}");
+    EXPECT_TRUE(said("Failure 'cased' loaded."));
+    open("buf:{\"x\":1,\"failures\":[{\"name\":\"second\"}]}"); // not the first member
+    EXPECT_FALSE(said("Failure 'second' loaded."));
+    std::string fits = "buf:{\"failures\":[{\"name\":\"fits\"}]}";
+    open(fits + std::string(4095 - fits.size(), ' '));
+    EXPECT_TRUE(said("Failure 'fits' loaded."));
+    fits.replace(fits.find("fits"), 4, "over");
+    fits.resize(4096, ' ');
+    open(fits);
+    EXPECT_CLEAN();
+    EXPECT_FALSE(said("Failure 'over' loaded."));
+    _korFailures_Open(KOR_AT(ex, 0), nullptr);
+    EXPECT_RAISED(1, nullptr);
+}
+
+TEST_F(KorFailuresTest, Files)
+{
+    char name[KOR_FILE_TEMP_NAME_SIZE];
+    _korFile_MakeTempFileName(KOR_AT(ex, 0), name);
+    auto directory = std::filesystem::temp_directory_path() / (std::string("kor-failures-") + name);
+    std::filesystem::create_directory(directory);
+    auto put = [&](const char* file, std::string text, size_t size) {
+        text.resize(std::max(size, text.size()), ' ');
+        auto path = directory / file;
+        std::ofstream(path, std::ios::binary) << text;
+        return path.generic_string();
+    };
+    std::string mark = (directory / "mark").generic_string();
+    open(put("config", R"({"failures":[{"name":"filed","onoffile":")" + mark + R"(","skip":true}]})", 4095));
+    ASSERT_CLEAN();
+    EXPECT_EQ(checks("filed", 3), "...");
+    put("mark", "", 0);
+    EXPECT_EQ(checks("filed", 3), "xxx"); // with no limit given
+    std::filesystem::remove(mark);
+    EXPECT_FALSE(check("filed"));
+    open(put("full", R"({"failures":[{"name":"full"}]})", 4096)); // no room for its terminator
+    EXPECT_RAISED(1, "Invalid json string");
+    open((directory / "absent").generic_string());
+    EXPECT_RAISED(9, "File cannot be found.");
+    EXPECT_TRUE(said("failures " + (directory / "absent").generic_string() + " cannot be opened."));
+    std::filesystem::remove_all(directory);
+}
+
+TEST_F(KorFailuresTest, DelayAloneReportsFalse)
+{
+    load(R"({"name":"slow","interval":1,"num_of_failures":1,"delay":60})");
+    uint64_t start = _kor_GetCurrentMilliseconds();
+    EXPECT_FALSE(check("slow"));
+    EXPECT_GE(_kor_GetCurrentMilliseconds() - start, 55u);
+    EXPECT_TRUE(said("Failmark: 'slow' delay of 60 milliseconds"));
+}
+
+// Checks while the table grows and while their failure is replaced: no more fire than the limits allow, but for what a
+// race between two counts may add.
+TEST_F(KorFailuresTest, ChecksFromManyThreads)
+{
+    _korLogger_SetLogLevels(KOR_AT(ex, 0), "tests:severe");
+    constexpr int threads = 4, rounds = 3000;
+    load(R"({"name":"shared","interval":2,"num_of_failures":1000000,"skip":true})");
+    std::vector<int> fired(threads);
+    std::vector<std::thread> checkers;
+    for (int i = 0; i < threads; i++) {
+        checkers.emplace_back([&, i] {
+            KOR_EX_LOCAL(local);
+            for (int n = 0; n < rounds; n++) {
+                fired[static_cast<size_t>(i)] += _korFailures_Check(KOR_AT(&local, 0), "shared");
+                _korFailures_Check(KOR_AT(&local, 0), "replaced");
+            }
+        });
+    }
+    for (int i = 0; i < 50; i++) {
+        load(R"({"name":"replaced","interval":1,"num_of_failures":5,"skip":true},{"name":"grow)" + std::to_string(i) +
+             "\"}");
+    }
+    int total = 0;
+    for (int i = 0; i < threads; i++) {
+        checkers[static_cast<size_t>(i)].join();
+        total += fired[static_cast<size_t>(i)];
+    }
+    EXPECT_EQ(total, threads * rounds / 2);
+}
+
+// A request that fails is code 2, or no JSON, for whose tree there was no memory. Nothing is lost.
+TEST_F(KorFailuresTest, AnyRequestMayFail)
+{
+    _korLogger_SetLogLevels(KOR_AT(ex, 0), "tests:severe");
+    load(R"({"name":"warm"})");
+    bool fired = true;
+    for (uint64_t request = 1; fired; request++) {
+        std::string name = "swept" + std::to_string(request);
+        std::string text = R"(buf:{"failures":[{"name":")" + name + R"(","onoffile":"x","num_of_failures":1}]})";
+        FailingHeap heap(request);
+        open(text);
+        fired = heap.fired();
+        int32_t code = korEx_GetErrorCode(ex);
+        EXPECT_TRUE(fired ? code == 2 || code == 1 || code == 0 : code == 0) << describe(ex);
+        korEx_Clear(ex);
+    }
+}
+
+TEST_F(KorFailuresTest, DISABLED_ChildOfAbort)
+{
+    console.reset();
+    load(R"({"name":"end","interval":2,"num_of_failures":1,"abort":true})");
+    EXPECT_FALSE(check("end"));
+    check("end");
+    FAIL() << "still here";
+}
+
+TEST_F(KorFailuresTest, AbortIsAnOrderlyExit)
+{
+    ChildProcess child("KorFailuresTest.DISABLED_ChildOfAbort");
+    EXPECT_EQ(child.wait(), 1);
+    EXPECT_EQ(child.output().find("still here"), std::string::npos);
+    EXPECT_NE(child.output().find("Failmark: 'end' abort."), std::string::npos) << child.output();
+}
+
+TEST_F(KorFailuresTest, DISABLED_ChildOfClose)
+{
+    EXPECT_FALSE(check("early")); // nothing is configured
+    _korFailures_Close(KOR_AT_D(0, ex));
+    EXPECT_EQ(fmInitialized, 0);
+    _korutil_Open(KOR_AT(ex, 0), KORUTIL_LEVEL);
+    load(R"({"name":"point","interval":1,"num_of_failures":9,"skip":true})");
+    EXPECT_TRUE(check("point"));
+    _korutil_Close(KOR_AT_D(0, ex)); // the library's stop closes it
+    EXPECT_TRUE(said("Closing failures"));
+    EXPECT_EQ(fmInitialized, 0);
+    EXPECT_FALSE(check("point"));
+    _korFailures_Close(KOR_AT_D(0, ex));
+    load(R"({"name":"point"})");
+    EXPECT_RAISED(10, nullptr);
+}
+
+TEST_F(KorFailuresTest, CloseIsTheEnd)
+{
+    ChildProcess child("KorFailuresTest.DISABLED_ChildOfClose");
+    EXPECT_EQ(child.wait(), 0) << child.output();
+}
+
+} // namespace
