@@ -396,8 +396,8 @@ bool takeSpares(korEx* ex, uint8_t depth, const korBtree* tree, const korBtreeNo
 
 korBtreeNode* useSpare(korBtreeNode** spares)
 {
-    korBtreeNode* node = *spares;
-    *spares = node->next;
+    korBtreeNode* node = *spares; // takeSpares has counted the splits: there is one
+    *spares = node->next;         // NOLINT(clang-analyzer-core.NullDereference)
     node->next = nullptr;
     return node;
 }
