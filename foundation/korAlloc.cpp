@@ -1,11 +1,13 @@
 // korAlloc.cpp - how the allocation family decides between the plain heap and the debug allocator.
 //
-// The first allocation of a process finds gMemNoDebug at 0 and comes here; the configuration is read once, and from
-// then on the in-line routines take the plain path without a call.
+// The first allocation of a process finds gMemNoDebug at 0 and comes here; the configuration is read once, and if there
+// is none the in-line routines take the plain path without a call from then on.
 
 #include "korutil/korAlloc.h"
+#include "foundation/debugAllocator.h"
 #include "foundation/memCount.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cinttypes>
 #include <cstdio>
@@ -21,23 +23,45 @@ uint64_t gMemFailAllocAbove = UINT64_MAX;
 
 namespace {
 
-// Decides once for the process. The debug allocator is not part of this build yet, so every configuration leaves it
-// off.
-void initTrack()
+// What the debug allocator needs for itself; without it nothing can be told any more.
+void* orAbort(void* block)
 {
-    std::atomic_ref(gMemNoDebug).store(1);
+    if (block == nullptr) {
+        abort();
+    }
+    return block;
+}
+
+// A new block with what fits of the old one, which goes.
+void* moveBlock(korEx* ex, uint8_t depth, void* old, size_t size)
+{
+    void* block = _kor_mallocDebug(ex, depth, size);
+    if (block == nullptr) {
+        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
+        return nullptr;
+    }
+    if (old != nullptr) {
+        memcpy(block, old, std::min<size_t>(debugAllocator::sizeOf(old), size));
+        debugAllocator::release(old);
+    }
+    return block;
 }
 
 } // namespace
 } // namespace kor
 
-void* _kor_mallocDebug(korEx* ex, uint8_t, size_t size)
+using namespace kor;
+
+void* _kor_mallocDebug(korEx* ex, uint8_t depth, size_t size)
 {
     if (ex->code != 0) {
         return nullptr;
     }
-    kor::initTrack();
-    return malloc(size);
+    if (debugAllocator::isInside(ex)) {
+        return orAbort(malloc(size));
+    }
+    debugAllocator::reportExcess(ex, depth, size);
+    return debugAllocator::isOn() ? debugAllocator::allocate(ex, depth, size) : malloc(size);
 }
 
 void* _kor_callocDebug(korEx* ex, uint8_t depth, size_t count, size_t size)
@@ -47,19 +71,23 @@ void* _kor_callocDebug(korEx* ex, uint8_t depth, size_t count, size_t size)
     }
     size_t bytes;
     if (__builtin_mul_overflow(count, size, &bytes)) {
-        bytes = SIZE_MAX; // which no heap has
+        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // which no heap has
+        return nullptr;
     }
     void* result = _kor_mallocDebug(KOR_AT(ex, depth), bytes);
     return result == nullptr ? nullptr : memset(result, 0, bytes);
 }
 
-void* _kor_reallocDebug(korEx* ex, uint8_t, void* pointer, size_t size)
+void* _kor_reallocDebug(korEx* ex, uint8_t depth, void* pointer, size_t size)
 {
     if (ex->code != 0) {
         return nullptr;
     }
-    kor::initTrack();
-    return realloc(pointer, size == 0 ? 1 : size);
+    size_t kept = size == 0 ? 1 : size; // a C library may free the block otherwise
+    if (debugAllocator::isInside(ex)) {
+        return orAbort(realloc(pointer, kept));
+    }
+    return debugAllocator::isOn() ? moveBlock(KOR_AT(ex, depth), pointer, kept) : realloc(pointer, kept);
 }
 
 char* _kor_strdupDebug(korEx* ex, uint8_t depth, const char* text)
@@ -72,28 +100,37 @@ char* _kor_strdupDebug(korEx* ex, uint8_t depth, const char* text)
     return result == nullptr ? nullptr : static_cast<char*>(memcpy(result, text, size));
 }
 
-void* _kor_memalignDebug(korEx* ex, uint8_t, size_t alignment, size_t size)
+void* _kor_memalignDebug(korEx* ex, uint8_t depth, size_t alignment, size_t size)
 {
     if (ex->code != 0) {
         return nullptr;
     }
-    // The block goes back to the aligned free once the decision has fallen, so it must come from the aligned heap.
-    kor::initTrack();
-    return korAlloc_aligned(alignment, size);
+    // With the debug allocator off, the block goes back to the aligned free.
+    if (!debugAllocator::isOn()) {
+        return korAlloc_aligned(alignment, size);
+    }
+    return _kor_mallocDebug(KOR_AT(ex, depth), (size + alignment - 1) / alignment * alignment);
 }
 
-void _kor_freeDebug(uint8_t, korEx*, void* pointer)
+void _kor_freeDebug(uint8_t, korEx* ex, void* pointer)
 {
-    if (pointer != nullptr) {
-        kor::initTrack();
+    if (debugAllocator::isInside(ex)) {
+        free(pointer);
+    } else if (pointer != nullptr && debugAllocator::isOn()) {
+        debugAllocator::release(pointer);
+    } else {
         free(pointer);
     }
 }
 
-void _kor_freealignDebug(uint8_t, korEx*, void* pointer)
+void _kor_freealignDebug(uint8_t depth, korEx* ex, void* pointer)
 {
-    if (pointer != nullptr) {
-        kor::initTrack();
+    if (pointer == nullptr) {
+        return;
+    }
+    if (debugAllocator::isOn()) {
+        _kor_freeDebug(KOR_AT_D(depth, ex), pointer);
+    } else {
         korAlloc_freeAligned(pointer);
     }
 }

@@ -186,8 +186,13 @@ void atUnload(UnloadStep& step)
 void libraryUnloads()
 {
     endThreadValues();
-    for (UnloadStep* step = unloadSteps; step != nullptr; step = step->next) {
-        step->run();
+    while (UnloadStep* step = std::atomic_ref(unloadSteps).exchange(nullptr)) {
+        while (step != nullptr) {
+            UnloadStep* next =
+                step->next; // a step may bring one back that has run: an error asks for the program's name
+            step->run();
+            step = next;
+        }
     }
     freeThreadStore();
 }

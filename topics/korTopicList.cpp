@@ -336,24 +336,25 @@ void checkTopic([[maybe_unused]] const korTopicList* list, [[maybe_unused]] cons
 
 // ---- Topics as text -------------------------------------------------------------------------------------------------
 
-// Makes the buffer longer than `end`.
-void checkMinSize(korEx* ex, uint8_t depth, char** buffer, int32_t* size, int64_t end)
+// Makes the buffer longer than `end`; false if it cannot be.
+bool checkMinSize(korEx* ex, uint8_t depth, char** buffer, int32_t* size, int64_t end)
 {
     if (*buffer != nullptr && *size > end) {
-        return;
+        return true;
     }
     if (end >= INT32_MAX) {
         KOR_RAISE(ex, depth, KOR_ERROR_RESOURCE_LIMIT, nullptr);
-        return;
+        return false;
     }
     int64_t wanted = std::clamp<int64_t>(2 * (end + 1), 64, INT32_MAX);
     void* grown = _kor_realloc(KOR_AT(ex, depth), *buffer, static_cast<size_t>(wanted));
     if (grown == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
-        return;
+        return false;
     }
     *buffer = static_cast<char*>(grown);
     *size = static_cast<int32_t>(wanted);
+    return true;
 }
 
 // Puts a token at `offset`, behind a separator unless it is the first, and gives the offset of the next one: the length
@@ -361,12 +362,8 @@ void checkMinSize(korEx* ex, uint8_t depth, char** buffer, int32_t* size, int64_
 int32_t addTokenToTopic(korEx* ex, uint8_t depth, char** buffer, int32_t* size, int32_t offset, const char* token,
                         uint32_t length)
 {
-    if (ex->code != 0) {
-        return 0;
-    }
     int64_t end = int64_t{offset} + length;
-    checkMinSize(KOR_AT(ex, depth), buffer, size, end);
-    if (ex->code != 0) {
+    if (ex->code != 0 || !checkMinSize(KOR_AT(ex, depth), buffer, size, end)) {
         return 0;
     }
     char* text = *buffer;

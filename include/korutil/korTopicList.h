@@ -81,8 +81,8 @@ KOR_API korPool** _korTopicList_CreatePools(korEx* ex, uint8_t depth);
 /// Destroys pools of _korTopicList_CreatePools, and the array. NULL is accepted. Works with an error pending.
 KOR_API void _korTopicList_DestroyPools(uint8_t depth, korEx* ex, korPool** pools);
 
-/// Makes a list whose records all come from the heap. The caller destroys it with _korTopicList_Destroy. NULL on an
-/// error: code 2.
+/// Makes a list whose records all come from the heap. For large lists that are asked more than they change: what a
+/// topic needs lies together. The caller destroys it with _korTopicList_Destroy. NULL on an error: code 2.
 KOR_API korTopicList* _korTopicList_Create(korEx* ex, uint8_t depth);
 
 /// The same with records from seven pools of its own, for lists that change often.

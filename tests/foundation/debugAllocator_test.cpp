@@ -1,0 +1,239 @@
+// debugAllocator_test.cpp - programs under KOR_MEM_DEBUG_CONF, each a process of its own: what is found, what is said,
+// and how it ends.
+
+#include "support/childProcess.h"
+#include "support/korTest.h"
+
+#include "korutil/korAlloc.h"
+#include "korutil/korMemReserve.h"
+#include "korutil/korPool.h"
+#include "korutil/korTime.h"
+
+#include <cstring>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace kor::test;
+
+// What a child ends with if nothing stops it.
+class DebugAllocatorChild : public KorTest
+{
+protected:
+    char* take(size_t size) { return static_cast<char*>(_kor_malloc(KOR_AT(ex, 0), size)); }
+    // The compiler must not see which block it is: it would warn of the faults that are wanted here.
+    void give(void* block)
+    {
+        void* volatile hidden = block;
+        _kor_free(KOR_AT_D(0, ex), hidden);
+    }
+};
+
+[[gnu::noinline]] void* plantedLeak(korEx* ex, uint8_t depth)
+{
+    return _kor_malloc(KOR_AT(ex, depth), 12345);
+}
+
+TEST_F(DebugAllocatorChild, DISABLED_Leaks)
+{
+    for (int i = 0; i < 3; i++) {
+        plantedLeak(KOR_AT(ex, 0));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(400)); // some reports long
+}
+
+TEST_F(DebugAllocatorChild, DISABLED_FreesTwice)
+{
+    char* block = take(10);
+    give(block);
+    give(block);
+}
+
+TEST_F(DebugAllocatorChild, DISABLED_FreesWhatItNeverHad)
+{
+    static char foreign[64];
+    give(foreign + 32);
+}
+
+TEST_F(DebugAllocatorChild, DISABLED_WritesInFront)
+{
+    char* block = take(10);
+    volatile char* written = block - 1;
+    *written = 0;
+    give(block);
+}
+
+TEST_F(DebugAllocatorChild, DISABLED_WritesBehind)
+{
+    volatile char* block = take(13);
+    block[12] = 0;
+    block[13] = 0;
+}
+
+TEST_F(DebugAllocatorChild, DISABLED_ReadsWhatIsFree)
+{
+    volatile char* block = take(13);
+    give(const_cast<char*>(block));
+    EXPECT_EQ(block[0], 0);
+}
+
+TEST_F(DebugAllocatorChild, DISABLED_BehavesWell)
+{
+    char* fresh = take(3);
+    bool scribbles = std::strstr(getenv("KOR_MEM_DEBUG_CONF"), "no-scribble") == nullptr;
+    EXPECT_TRUE(!scribbles || std::string(fresh, 3) == "UUU");
+    auto* zeroed = static_cast<char*>(_kor_calloc(KOR_AT(ex, 0), 3, 7));
+    EXPECT_EQ(std::string(zeroed, 21), std::string(21, '\0'));
+    std::memset(zeroed, 'z', 21);
+    auto* moved = static_cast<char*>(_kor_realloc(KOR_AT(ex, 0), zeroed, 5)); // it moves although it shrinks
+    EXPECT_EQ(std::string(moved, 5), "zzzzz");
+    moved = static_cast<char*>(_kor_realloc(KOR_AT(ex, 0), moved, 5000));
+    EXPECT_EQ(std::string(moved, 5), "zzzzz");
+    void* aligned = _kor_memalign(KOR_AT(ex, 0), 64, 100);
+    char* text = _kor_strdup(KOR_AT(ex, 0), "text");
+    EXPECT_STREQ(text, "text");
+    _kor_freealign(KOR_AT_D(0, ex), aligned);
+    for (char* block : {fresh, moved, text, take(0)}) {
+        give(block);
+    }
+    give(nullptr);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; i++) {
+        threads.emplace_back([] {
+            korEx* own = korEx_Create();
+            std::vector<void*> blocks;
+            for (size_t size = 0; size < 300; size++) {
+                blocks.push_back(_kor_malloc(KOR_AT(own, 0), size));
+            }
+            for (void* block : blocks) {
+                _kor_free(KOR_AT_D(0, own), block);
+            }
+            korEx_Destroy(own);
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(gMemNoDebug, 0);
+    _kor_allocPrintStat();
+}
+
+TEST_F(DebugAllocatorChild, DISABLED_PoolsAreOff)
+{
+    give(take(1));
+    EXPECT_EQ(gPoolDisable, std::strstr(getenv("KOR_MEM_DEBUG_CONF"), "keep-pools") == nullptr ? 1 : 0);
+    EXPECT_EQ(gMemNoDebug, 1); // and nothing else
+    std::free(_kor_malloc(KOR_AT(ex, 0), 200));
+    plantedLeak(KOR_AT(ex, 0));
+}
+
+TEST_F(DebugAllocatorChild, DISABLED_HitsTheLimit)
+{
+    give(take(1));
+    char* first = take(5000);
+    EXPECT_NE(first, nullptr); // the limit is passed by it
+    EXPECT_EQ(take(1), nullptr);
+    EXPECT_EQ(korEx_GetErrorCode(ex), 0); // and nothing is raised
+    EXPECT_EQ(_kor_realloc(KOR_AT(ex, 0), first, 6000), nullptr);
+    EXPECT_RAISED(2, nullptr);
+    _korMemReserve_Alloc(KOR_AT(ex, 0), 1);
+    EXPECT_RAISED(16, "Reserve allocation failed");
+    give(first);
+    give(take(1));
+}
+
+struct Outcome {
+    int exitCode;
+    std::string output;
+};
+
+Outcome run(const std::string& test, const std::string& configuration)
+{
+    ChildProcess child("DebugAllocatorChild.DISABLED_" + test, {{"KOR_MEM_DEBUG_CONF", configuration}});
+    int exitCode = child.wait();
+    return {exitCode, child.output()};
+}
+
+bool says(const Outcome& outcome, const std::string& text)
+{
+    return outcome.output.find(text) != std::string::npos;
+}
+
+TEST(DebugAllocator, FindsWhatItIsThereFor)
+{
+    struct Fault {
+        const char* test;
+        const char* configuration;
+        const char* words; // "" for a fault that the processor finds
+    };
+    const Fault faults[] = {
+        {"FreesTwice", "double-free", "freed twice"},
+        {"FreesTwice", "double-free,protect,no-track", "freed twice"},
+        {"FreesWhatItNeverHad", "double-free", "never allocated"},
+        {"WritesInFront", "backset=16", "bytes in front of a block"},
+        {"WritesInFront", "no-track,double-free,backset=1", "bytes in front of a block"},
+        {"WritesBehind", "protect", ""},
+        {"ReadsWhatIsFree", "protect,no-track", ""},
+    };
+    for (const Fault& fault : faults) {
+        Outcome found = run(fault.test, fault.configuration);
+        EXPECT_NE(found.exitCode, 0) << fault.test << " under " << fault.configuration;
+        EXPECT_TRUE(says(found, fault.words)) << found.output;
+        EXPECT_FALSE(says(found, "[       OK ]")) << fault.test << " under " << fault.configuration;
+    }
+}
+
+TEST(DebugAllocator, LeavesWellBehavedProgramsAlone)
+{
+    for (const char* configuration : {"double-free", "protect,double-free,timing=1:2:3", "backset=16,no-scribble",
+                                      "no-track,double-free", "max-only,timing=1:1:1,display-threshold=0"}) {
+        Outcome good = run("BehavesWell", configuration);
+        EXPECT_EQ(good.exitCode, 0) << configuration << '\n' << good.output;
+        EXPECT_TRUE(says(good, "#memory_bytes_allocated: 0\n")) << good.output;
+    }
+    Outcome unseen = run("WritesInFront", ","); // the plain header has no room for the test
+    EXPECT_NE(unseen.output.find("DISABLED_WritesInFront"), std::string::npos);
+    EXPECT_EQ(unseen.exitCode, 0) << unseen.output;
+}
+
+TEST(DebugAllocator, ReportsALeakByItsCallPath)
+{
+    Outcome leak = run("Leaks", "timing=20:1:2,display-threshold=30000");
+    EXPECT_EQ(leak.exitCode, 0) << leak.output;
+    EXPECT_TRUE(says(leak, ": 37035 bytes in 3 allocations at (up from last print)(max):\n\t_kor_malloc:"))
+        << leak.output;
+    EXPECT_TRUE(says(leak, "\tplantedLeak:")) << leak.output;
+    EXPECT_TRUE(says(leak, ": 37035 bytes in 3 allocations at (same as last print):\n")) << leak.output;
+    EXPECT_TRUE(says(leak, "aloc  sum: 37035 total bytes in 3 allocations from 1 different stacks.\n")) << leak.output;
+    Outcome changed = run("Leaks", "timing=20:1:2,display-threshold=30000,changed-only");
+    EXPECT_FALSE(says(changed, "same as last print")) << changed.output;
+    EXPECT_TRUE(says(changed, "up from last print")) << changed.output;
+}
+
+TEST(DebugAllocator, SaysWhatItWasTold)
+{
+    Outcome plain = run("PoolsAreOff", "no-track,excess=10000");
+    EXPECT_EQ(plain.exitCode, 0) << plain.output;
+    EXPECT_TRUE(says(plain, "KOR_MEM_DEBUG_CONF: pools are disabled. Reporting excess at 10000\n")) << plain.output;
+    Outcome kept = run("PoolsAreOff", "no-track,keep-pools");
+    EXPECT_EQ(kept.exitCode, 0) << kept.output;
+    Outcome told = run("BehavesWell", "help;double-free;backset=3;timing=1:2:3;free-hold=2;excess=4000");
+    EXPECT_TRUE(says(told, "Settings for KOR_MEM_DEBUG_CONF:\n\tno-track   ")) << told.output;
+    EXPECT_TRUE(says(told, "KOR_MEM_DEBUG_CONF=\"double-free, backset=16, display-threshold=8000, "
+                           "display-count-threshold=2147483647, free-hold=2, changed-only=false, excess=4000, "
+                           "up-only=false, max-only=false, timing=1:2001:3 milliseconds, "
+                           "fail-alloc-above=18446744073709551615\n"
+                           "Set KOR_MEM_DEBUG_CONF to \"help\" for help on configuration.\n"))
+        << told.output;
+    EXPECT_TRUE(says(told, "Excessive size of 5000 allocated at:\n")) << told.output;
+    EXPECT_TRUE(says(run("BehavesWell", "no-track,double-free,timing=x"), "Settings for KOR_MEM_DEBUG_CONF:\n"));
+}
+
+TEST(DebugAllocator, RefusesAboveTheLimit)
+{
+    Outcome limit = run("HitsTheLimit", "fail-alloc-above=4096");
+    EXPECT_EQ(limit.exitCode, 0) << limit.output;
+}
+
+} // namespace

@@ -1,0 +1,90 @@
+// topic_fuzz.cpp - topics of any bytes, one a line, stored, asked for and taken away again: what is stored is found,
+// its text comes back, and nothing stays behind.
+
+#include "korutil/korAlloc.h"
+#include "korutil/korTopicList.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+void demand(bool holds)
+{
+    if (!holds) {
+        std::abort();
+    }
+}
+
+// A text ends at a NUL, as a topic does.
+std::vector<std::string> linesOf(const uint8_t* data, size_t size)
+{
+    std::vector<std::string> lines(1);
+    for (size_t i = 0; i < size; i++) {
+        if (data[i] == '\n') {
+            lines.emplace_back();
+        } else {
+            lines.back() += static_cast<char>(data[i]);
+        }
+    }
+    for (std::string& line : lines) {
+        line.resize(line.find('\0') == std::string::npos ? line.size() : line.find('\0'));
+    }
+    return lines;
+}
+
+bool holds(const korDpa* found, uint64_t value)
+{
+    return found != nullptr &&
+           std::find(found->items, found->items + found->count, value) != found->items + found->count;
+}
+
+void store(korEx* ex, korTopicList* list, const std::string& topic, uint64_t value)
+{
+    korTopicNode* node = nullptr;
+    char* text = nullptr;
+    int32_t size = 0;
+    _korTopicList_InsertEx(KOR_AT(ex, 0), list, topic.c_str(), value, &node);
+    demand(_korTopicList_Topic(KOR_AT(ex, 0), list, node, &text, &size) == static_cast<int32_t>(topic.size()) + 1);
+    demand(text == topic);
+    _kor_free(KOR_AT_D(0, ex), text);
+}
+
+// Wildcards before the end may hide a topic from a query of its own text, so only a query by its words must find it.
+void ask(korEx* ex, korTopicList* list, const std::string& topic, uint64_t value)
+{
+    demand(holds(_korTopicList_GetLiteral(KOR_AT(ex, 0), list, topic.c_str()), value));
+    bool plain = topic.find_first_of("+#") == std::string::npos;
+    demand(holds(_korTopicList_Get(KOR_AT(ex, 0), list, topic.c_str()), value) || !plain);
+    demand(holds(_korTopicList_GetNarrow(KOR_AT(ex, 0), list, topic.c_str()), value) || !plain);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    std::vector<std::string> topics = linesOf(data, size);
+    korEx* ex = korEx_Create();
+    korTopicList* list = _korTopicList_Create(KOR_AT(ex, 0));
+    for (size_t i = 0; i < topics.size(); i++) {
+        store(ex, list, topics[i], i + 1);
+    }
+    for (size_t i = 0; i < topics.size(); i++) {
+        ask(ex, list, topics[i], i + 1);
+    }
+    const korDpa* all = _korTopicList_All(KOR_AT(ex, 0), list);
+    demand(std::set<uint64_t>(all->items, all->items + all->count).size() == topics.size());
+    for (size_t i = 0; i < topics.size(); i++) {
+        demand(_korTopicList_Remove(KOR_AT_D(0, ex), list, topics[i].c_str(), i + 1) == 1);
+    }
+    demand(_korTopicList_Count(KOR_AT(ex, 0), list) == 0 &&
+           list->rootLevel->nodes->firstEntry == list->rootLevel->nodes->cursor);
+    demand(korEx_GetErrorCode(ex) == 0);
+    _korTopicList_Destroy(KOR_AT_D(0, ex), list);
+    korEx_Destroy(ex);
+    return 0;
+}
