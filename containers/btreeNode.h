@@ -54,17 +54,31 @@ inline korBtreeNode* childOf(const korBtreeItem* item)
     return reinterpret_cast<korBtreeNode*>(item->value);
 }
 
-/// The logical position of the greatest key not above `key`, or 0 if all keys are above it. Both outcomes of a
-/// comparison go the same way, so that no jump depends on the keys.
+/// The ring index of the greatest key not above `key`, or of the first item if all keys are above it. The items lie in
+/// one piece or, around the ring's end, in two; the search goes through one. Both outcomes of a comparison go the same
+/// way, so that no jump depends on the keys; while one is made, both items that may be compared next are on their way
+/// from memory.
 inline int32_t search(const korBtree* tree, const korBtreeNode* node, int64_t key)
 {
-    int32_t position = 0;
-    for (int32_t left = node->itemCount; left > 1;) {
-        int32_t half = left / 2;
-        position += itemAt(tree, node, position + half)->key <= key ? half : 0;
-        left -= half;
+    int32_t beforeEnd = capacityOf(tree) - node->start;
+    const korBtreeItem* item = &node->items[node->start];
+    int32_t left = node->itemCount;
+    if (left > beforeEnd) {
+        bool isBehindEnd = node->items[0].key <= key;
+        item = isBehindEnd ? node->items : item;
+        left = isBehindEnd ? left - beforeEnd : beforeEnd;
     }
-    return position;
+    while (left > 1) {
+        int32_t half = left / 2;
+        left -= half;
+        if (left > 4) {
+            __builtin_prefetch(item + left / 2);
+            __builtin_prefetch(item + half + left / 2);
+        }
+        const korBtreeItem* middle = item + half;
+        item = middle->key <= key ? middle : item;
+    }
+    return static_cast<int32_t>(item - node->items);
 }
 
 /// The text for the first fault in the structure of a tree, or null.

@@ -118,10 +118,27 @@ Place findBelow(const korBtree* tree, int64_t key)
     return {here.node->items[before].key <= key ? here.node : nullptr, before};
 }
 
+// Whether a key may be near: not if it lies outside the items on both sides of the remembered one. One test, so that
+// keys at random cost no mistaken jump.
+bool mayBeNear(const korBtree* tree, int64_t key)
+{
+    const korBtreeNode* node = tree->lastNode;
+    int32_t position = (tree->lastIndex - node->start) & tree->indexMask;
+    if (position == 0 || position == node->itemCount - 1) {
+        return true;
+    }
+    int64_t keyBefore = node->items[(tree->lastIndex - 1) & tree->indexMask].key;
+    int64_t keyAfter = node->items[(tree->lastIndex + 1) & tree->indexMask].key;
+    return (static_cast<int>(keyBefore <= key) & static_cast<int>(key <= keyAfter)) != 0;
+}
+
 Place findNear(const korBtree* tree, int64_t key)
 {
     if (tree->lastNode == nullptr || key == tree->lastKey) {
         return {tree->lastNode, tree->lastIndex};
+    }
+    if (!mayBeNear(tree, key)) {
+        return {nullptr, 0};
     }
     return key > tree->lastKey ? findAbove(tree, key) : findBelow(tree, key);
 }
@@ -136,9 +153,9 @@ Place find(const korBtree* tree, int64_t key)
     }
     korBtreeNode* node = tree->root;
     for (int32_t level = tree->levels; level > 1; --level) {
-        node = childOf(itemAt(tree, node, search(tree, node, key)));
+        node = childOf(&node->items[search(tree, node, key)]);
     }
-    return {node, ringIndex(tree, node, search(tree, node, key))};
+    return {node, search(tree, node, key)};
 }
 
 int32_t positionOf(const korBtree* tree, Place place)
@@ -209,10 +226,10 @@ Spot parentOf(const korBtree* tree, const korBtreeNode* node, int64_t keyOfNode)
 {
     korBtreeNode* parent = tree->root;
     for (;;) {
-        int32_t position = search(tree, parent, keyOfNode);
-        korBtreeNode* child = childOf(itemAt(tree, parent, position));
+        Place place = {parent, search(tree, parent, keyOfNode)};
+        korBtreeNode* child = childOf(&parent->items[place.index]);
         if (child == node) {
-            return {parent, position};
+            return {parent, positionOf(tree, place)};
         }
         parent = child;
     }
@@ -240,12 +257,12 @@ void updateSeparator(korBtree* tree, const korBtreeNode* node, int64_t oldFirstK
     int32_t length = 0;
     int32_t changed = 0; // the first item of the path to change
     for (korBtreeNode* parent = tree->root; parent != node; parent = childOf(path[length - 1])) {
-        int32_t position = search(tree, parent, oldFirstKey);
-        if (position != 0) {
+        int32_t index = search(tree, parent, oldFirstKey);
+        if (index != parent->start) {
             changed = length;
         }
         KOR_INVARIANT(length < tree->levels);
-        path[length++] = itemAt(tree, parent, position);
+        path[length++] = &parent->items[index];
     }
     for (; changed < length; ++changed) {
         path[changed]->key = newKey;
@@ -379,8 +396,8 @@ bool takeSpares(korEx* ex, uint8_t depth, const korBtree* tree, const korBtreeNo
 
 korBtreeNode* useSpare(korBtreeNode** spares)
 {
-    korBtreeNode* node = *spares;
-    *spares = node->next;
+    korBtreeNode* node = *spares; // takeSpares has counted the splits: there is one
+    *spares = node->next;         // NOLINT(clang-analyzer-core.NullDereference)
     node->next = nullptr;
     return node;
 }

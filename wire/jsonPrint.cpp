@@ -30,12 +30,10 @@ char* roomFor(Writer& writer, size_t size)
     size_t needed = writer.used + size;
     if (needed > writer.room) {
         size_t room = std::bit_ceil(needed + 1);
-        auto* text = static_cast<char*>(jsonAlloc(room));
+        auto* text = static_cast<char*>(jsonGrow(writer.text, writer.used, room));
         if (text == nullptr) {
             return nullptr;
         }
-        memcpy(text, writer.text, writer.used);
-        _kor_cJSON_Free(writer.text);
         writer.text = text;
         writer.room = room;
     }

@@ -25,6 +25,9 @@ constexpr int32_t jsonMaxDepth = CJSON_NESTING_LIMIT;
 /// `size` bytes of the hook, or NULL.
 void* jsonAlloc(size_t size);
 
+/// A block of `size` bytes with the first `used` ones of `block`, which goes back; or NULL, and the block stays.
+void* jsonGrow(void* block, size_t used, size_t size);
+
 /// A zeroed item of a type, or NULL.
 kor_cJSON* jsonItem(int32_t type);
 

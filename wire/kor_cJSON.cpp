@@ -191,6 +191,20 @@ void* jsonAlloc(size_t size)
     return hooks.malloc_fn(size);
 }
 
+// The C library may grow a large block without a copy; a pair of hooks has no such call.
+void* jsonGrow(void* block, size_t used, size_t size)
+{
+    if (hooks.malloc_fn == malloc && hooks.free_fn == free) {
+        return realloc(block, size);
+    }
+    void* grown = jsonAlloc(size);
+    if (grown != nullptr) {
+        memcpy(grown, block, used);
+        hooks.free_fn(block);
+    }
+    return grown;
+}
+
 kor_cJSON* jsonItem(int32_t type)
 {
     auto* item = static_cast<kor_cJSON*>(jsonAlloc(sizeof(kor_cJSON)));

@@ -8,9 +8,7 @@
 #include "support/meeting.h"
 
 #include <atomic>
-#include <cstring>
 #include <functional>
-#include <memory>
 #include <random>
 #include <thread>
 #include <vector>
