@@ -560,5 +560,75 @@ TEST_F(HashTest, identifiersAreRefusedOrPassedOver)
     EXPECT_EQ(hash->lastEntry->hash, static_cast<uint32_t>(_korSpookyHash_Short(&number, 8, nullptr)));
 }
 
+TEST_F(HashTest, aTableOfTheCallersTakesItsEntriesFromPools)
+{
+    Pools pools;
+    _korHash_CreatePools(KOR_AT(ex, 0), nullptr, &pools.entry, 64, &pools.key, 0);
+    uint32_t before, after;
+    _korPool_Memory(pools.key, &before, nullptr);
+    korHash own;
+    _korHash_InitPooled(KOR_AT(ex, 0), &own, 4, pools.entry, pools.key);
+    EXPECT_EQ(own.entryPool, pools.entry);
+    for (uint32_t number = 0; number <= before; number++) {
+        _korHash_Set(KOR_AT(ex, 0), &own, &number, sizeof(number), 0, 1, number + 1);
+    }
+    _korPool_Memory(pools.key, &after, nullptr);
+    EXPECT_GT(after, before) << "a copied key more than the pool had room for";
+    EXPECT_EQ(_korHash_Get(KOR_AT(ex, 0), &own, &before, sizeof(before), 0), before + 1);
+    _korHash_Clear(KOR_AT_D(0, ex), &own);
+    _korPool_Destroy(KOR_AT_D(0, ex), pools.entry);
+    _korPool_Destroy(KOR_AT_D(0, ex), pools.key);
+}
+
+TEST_F(HashTest, typedFormsHaveTheirOwnMakersAndWalks)
+{
+    korStrHash* texts = _korStrHash_CreatePooled(KOR_AT(ex, 0), 4, nullptr, nullptr, nullptr);
+    for (const char* key : {"one", "two", "three", "four", "five", "six", "seven", "eight", "nine"}) {
+        _korStrHash_Set(KOR_AT(ex, 0), texts, key, 1, strlen(key));
+    }
+    _korStrHash_MakeStatic(KOR_AT(ex, 0), texts);
+    EXPECT_EQ(texts->oldHash, nullptr);
+    korStrHashIterator walk;
+    _korStrHash_IteratorInit(texts, &walk);
+    const char* key = nullptr;
+    uint64_t value = 0;
+    while (_korStrHash_Next(&walk, &key, &value)) {
+        if (value == 3) {
+            _korStrHash_RemoveCurrent(KOR_AT_D(0, ex), &walk);
+        } else {
+            EXPECT_EQ(_korStrHash_SetCurrent(&walk, value + 100), value);
+        }
+    }
+    EXPECT_FALSE(_korStrHash_ContainsKey(KOR_AT(ex, 0), texts, "two"));
+    EXPECT_FALSE(_korStrHash_ContainsKey(KOR_AT(ex, 0), texts, nullptr));
+    EXPECT_TRUE(_korStrHash_ContainsKey(KOR_AT(ex, 0), texts, "three"));
+    EXPECT_EQ(_korStrHash_Get(KOR_AT(ex, 0), texts, "seven"), 105);
+    _korStrHash_Destroy(KOR_AT_D(0, ex), texts);
+
+    Pools pools;
+    _korHash_CreatePools(KOR_AT(ex, 0), &pools.hash, &pools.entry, sizeof(korHeaderID), &pools.key, 0);
+    for (korHIDHash* ids : {_korHIDHash_Create(KOR_AT(ex, 0), 4),
+                            _korHIDHash_CreatePooled(KOR_AT(ex, 0), 4, pools.hash, pools.entry, pools.key)}) {
+        const korHeaderID number = {5, {1, 2}}, uuid = {0, {1, 2}};
+        _korHIDHash_Set(KOR_AT(ex, 0), ids, &number, 1, 1);
+        _korHIDHash_Set(KOR_AT(ex, 0), ids, &uuid, 1, 2);
+        korHIDHashIterator idWalk;
+        _korHIDHash_IteratorInit(ids, &idWalk);
+        const korHeaderID* id = nullptr;
+        while (_korHIDHash_Next(&idWalk, &id, &value)) {
+            EXPECT_EQ(id->id, value == 1 ? 5 : 0);
+            if (value == 1) {
+                _korHIDHash_RemoveCurrent(KOR_AT_D(0, ex), &idWalk);
+            }
+        }
+        EXPECT_FALSE(_korHIDHash_ContainsKey(KOR_AT(ex, 0), ids, &number));
+        EXPECT_EQ(_korHIDHash_Get(KOR_AT(ex, 0), ids, &uuid), 2);
+        _korHIDHash_Destroy(KOR_AT_D(0, ex), ids);
+    }
+    for (korPool* pool : {pools.hash, pools.entry, pools.key}) {
+        _korPool_Destroy(KOR_AT_D(0, ex), pool);
+    }
+}
+
 } // namespace
 } // namespace kor::test

@@ -387,3 +387,24 @@ TEST_P(KorI64HashForms, AFailedSetLeavesTheTableAsItWas)
 }
 
 } // namespace
+
+TEST_F(KorI64Hash, ATableInPlaceTakesItsEntriesFromPoolsWithoutACache)
+{
+    korI64HashPools pools = {};
+    _korI64Hash_CreatePools(ex, 0, &pools);
+    korI64Hash own;
+    _korI64Hash_InitPooled(ex, 0, &own, &pools, 4);
+    ASSERT_CLEAN();
+    EXPECT_EQ(pools.entryCache.maxSize, 0);
+    uint32_t before, after, free;
+    _korPool_Memory(pools.entryCache.pool, &before, &free);
+    for (int64_t key = 0; key < 1000; key++) {
+        _korI64Hash_SetPooled(ex, 0, &own, &pools, key << 20, valueFor(key)); // few slots for all of them
+    }
+    _korPool_Memory(pools.entryCache.pool, &after, &free);
+    EXPECT_GT(after, before);
+    EXPECT_EQ(_korI64Hash_RemovePooled(0, ex, &own, &pools, 8 << 20), valueFor(8));
+    EXPECT_EQ(_korI64Hash_Get(ex, 0, &own, 4 << 20), valueFor(4));
+    _korI64Hash_ClearPooled(0, ex, &own, &pools);
+    _korI64Hash_DestroyPools(0, ex, &pools);
+}

@@ -126,5 +126,25 @@ TEST_F(Lazy64HashTest, aTableWhosePoolsAreGoneIsGone)
     _korLazy64Hash_DestroyPools(KOR_AT_D(0, ex), &pools);
 }
 
+TEST_F(Lazy64HashTest, aTableOfTheCallersTakesItsEntriesFromPools)
+{
+    korLazy64HashPools pools;
+    _korLazy64Hash_CreatePools(KOR_AT(ex, 0), &pools);
+    ASSERT_CLEAN();
+    uint32_t before, after, free;
+    _korPool_Memory(pools.entryCache.pool, &before, &free);
+    korLazy64Hash hash;
+    _korLazy64Hash_InitPooled(KOR_AT(ex, 0), &hash, &pools, 64);
+    EXPECT_EQ(hash.pools, &pools);
+    for (uint64_t key = 0; key < 1000; key++) {
+        _korLazy64Hash_Set(KOR_AT(ex, 0), &hash, key << 32, key + 1); // few slots for all of them
+    }
+    _korPool_Memory(pools.entryCache.pool, &after, &free);
+    EXPECT_GT(after, before);
+    EXPECT_EQ(_korLazy64Hash_Get(KOR_AT(ex, 0), &hash, uint64_t{999} << 32), 1000);
+    _korLazy64Hash_Clear(KOR_AT_D(0, ex), &hash);
+    _korLazy64Hash_DestroyPools(KOR_AT_D(0, ex), &pools);
+}
+
 } // namespace
 } // namespace kor::test

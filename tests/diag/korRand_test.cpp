@@ -154,4 +154,30 @@ TEST_F(KorRandTest, HooksAreReplacedAndRestored)
     _korRand_AddEntropy(KOR_AT(ex, 0), large.data(), static_cast<int32_t>(large.size()));
 }
 
+TEST_F(KorRandTest, GivenBytesAreStamped)
+{
+    for (uint8_t marked : {uint8_t{0}, uint8_t{1}}) {
+        Uuid uuid;
+        uuid.fill(0xff);
+        _korRand_StampUUID(uuid.data(), 16, marked);
+        EXPECT_EQ(_korRand_IsMarkedUUID(uuid.data(), 16), marked);
+        useConstant(0xff);
+        Uuid made;
+        (marked != 0 ? _korRand_GetMarkedUUID : _korRand_GetRandomUUID)(KOR_AT(ex, 0), made.data());
+        EXPECT_EQ(made, uuid) << "as the makers stamp theirs";
+    }
+}
+
+TEST_F(KorRandTest, TheSourceComesBackAfterAClose)
+{
+    _korRand_Open(KOR_AT(ex, 0));
+    EXPECT_NE(_korRand_Close(KOR_AT_D(0, ex)), 0);
+    _korRand_Open(KOR_AT(ex, 0));
+    Uuid one{}, other{};
+    _korRand_GetRandomUUID(KOR_AT(ex, 0), one.data());
+    _korRand_GetRandomUUID(KOR_AT(ex, 0), other.data());
+    EXPECT_NE(one, other);
+    EXPECT_NE(_korRand_Close(KOR_AT_D(0, ex)), 0);
+}
+
 } // namespace

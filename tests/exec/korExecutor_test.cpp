@@ -2,7 +2,9 @@
 // are in execStress_test.cpp.
 
 #include "korutil/korExecutor.h"
+#include "korutil/korJobGroup.h"
 #include "korutil/korLib.h"
+#include "korutil/korTimer.h"
 #include "log/loggerTest.h"
 #include "support/failingHeap.h"
 #include "support/meeting.h"
@@ -379,4 +381,30 @@ TEST_F(KorExecutorTest, EveryAllocationMayFail)
             korEx_Clear(ex);
         }
     });
+}
+
+TEST_F(KorExecutorTest, WhoRetainsLetsGoLast)
+{
+    TestJob job;
+    init(job);
+    _korJob_Retain(KOR_AT_D(0, ex), &job.job);
+    EXPECT_FALSE(release(job));
+    EXPECT_EQ(job.freed, 0);
+    EXPECT_TRUE(release(job));
+    EXPECT_EQ(job.freed, 1);
+    _korJob_Retain(KOR_AT_D(0, ex), nullptr);
+
+    _korExecutor_Retain(KOR_AT_D(0, ex), executor);
+    EXPECT_FALSE(_korExecutor_Release(KOR_AT_D(0, ex), executor));
+    _korExecutor_Retain(KOR_AT_D(0, ex), nullptr);
+
+    korTimer* timer = _korTimer_Create(KOR_AT(ex, 0), executor, "kept");
+    _korTimer_Retain(KOR_AT(ex, 0), timer);
+    EXPECT_FALSE(_korTimer_Release(KOR_AT_D(0, ex), timer));
+    EXPECT_TRUE(_korTimer_Release(KOR_AT_D(0, ex), timer));
+
+    korJobGroup* group = _korJobGroup_Create(KOR_AT(ex, 0), executor, 0);
+    _korJobGroup_Retain(KOR_AT_D(0, ex), group);
+    EXPECT_FALSE(_korJobGroup_Release(KOR_AT_D(0, ex), group));
+    EXPECT_TRUE(_korJobGroup_Release(KOR_AT_D(0, ex), group));
 }

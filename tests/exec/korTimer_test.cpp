@@ -461,6 +461,26 @@ TEST_F(KorGlobalTimerTest, IsTheLibrarys)
     EXPECT_TRUE(_korTimer_Release(KOR_AT_D(0, ex), global));
 }
 
+TEST_F(KorGlobalTimerTest, IsOpenedAndClosedWithItsExecutor)
+{
+    for (int round = 0; round < 2; round++) {
+        _korExecutor_Open(KOR_AT(ex, 0));
+        _korTimer_Open(KOR_AT(ex, 0));
+        ASSERT_CLEAN();
+        korTimer* global = _korTimer_GetGlobal(KOR_AT_D(0, ex));
+        ASSERT_NE(global, nullptr);
+        Semaphore ran;
+        Watch watch;
+        watch.ran = &ran;
+        _korTimer_ScheduleTask(KOR_AT(ex, 0), global, Watch::run, Watch::end, &watch, 1, 0);
+        ran.acquire();
+        _korTimer_Release(KOR_AT_D(0, ex), global);
+        _korTimer_Close(KOR_AT_D(0, ex));
+        _korExecutor_Close(KOR_AT_D(0, ex));
+        EXPECT_EQ(watch.runs, 1);
+    }
+}
+
 // ---- Overruns -------------------------------------------------------------------------------------------------------
 
 namespace {

@@ -433,3 +433,23 @@ TEST_F(KorExTest, RaisingKeepsTheSystemsLastErrors)
 }
 
 } // namespace
+
+TEST_F(KorExTest, TheOlderNamesDoTheSame)
+{
+    korEx* other = _korEx_Create();
+    ASSERT_NE(other, nullptr);
+    EXPECT_EQ(other->own, 1);
+    KOR_RAISE(other, 0, KOR_ERROR_NOT_FOUND, "gone");
+    FILE* file = tmpfile();
+    ASSERT_NE(file, nullptr);
+    _korEx_Print(other, file);
+    rewind(file);
+    std::string printed(4096, '\0');
+    printed.resize(fread(printed.data(), 1, printed.size(), file));
+    fclose(file);
+    std::erase(printed, '\r');
+    std::string whole = describe(other);
+    EXPECT_EQ(printed.substr(0, whole.size()), whole);
+    _korEx_Destroy(other);
+    _korEx_Destroy(nullptr);
+}

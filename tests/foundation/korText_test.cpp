@@ -195,3 +195,20 @@ TEST(korText, ErrorTextsOfSocketsAndOfTheLibrary)
 }
 
 } // namespace
+
+TEST(korText, FormatsWithAListOfArguments)
+{
+    auto format = [](char* buffer, size_t size, const char* pattern, ...) __attribute__((format(printf, 4, 5)))
+    {
+        va_list arguments;
+        va_start(arguments, pattern);
+        uint32_t length = _kor_vsnprintf(buffer, size, pattern, arguments);
+        va_end(arguments);
+        return length;
+    };
+    char buffer[8] = "#######";
+    EXPECT_EQ(format(buffer, 0, "%d", 1), 0u);
+    EXPECT_STREQ(buffer, "#######");
+    EXPECT_EQ(format(buffer, 6, "%zu-%s", size_t{12}, "abc"), 5u) << "what stands there, not what was cut";
+    EXPECT_STREQ(buffer, "12-ab");
+}

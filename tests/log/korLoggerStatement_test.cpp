@@ -294,4 +294,28 @@ TEST_F(KorStatementTest, ACallbackMayLog)
     EXPECT_EQ(calls, 2);
 }
 
+TEST_F(KorStatementTest, AListOfArgumentsMakesTheSameStatement)
+{
+    Receiver receiver;
+    receive(receiver);
+    auto log = [](int form, const char* format, ...) __attribute__((format(printf, 3, 4)))
+    {
+        va_list arguments;
+        va_start(arguments, format);
+        if (form == 3) {
+            _korLogger_LogVa_v3(5, "name", "label", 110, nullptr, 0, format, arguments);
+        } else if (form == 2) {
+            _korLogger_LogVa_v2(5, "name", 110, nullptr, 0, format, arguments);
+        } else {
+            _korLogger_LogVa(5, "name", 110, nullptr, format, arguments);
+        }
+        va_end(arguments);
+    };
+    for (int form : {3, 2, 1}) {
+        log(form, "%s %d", "form", form);
+    }
+    EXPECT_EQ(receiver.take(),
+              (Statements{"warn exec: label [name] form 3", "warn exec: [name] form 2", "warn exec: [name] form 1"}));
+}
+
 } // namespace

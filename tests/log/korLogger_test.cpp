@@ -3,6 +3,7 @@
 #include "loggerTest.h"
 #include "support/failingHeap.h"
 
+#include <atomic>
 #include <map>
 #include <thread>
 
@@ -652,6 +653,29 @@ TEST_F(KorLoggerTest, ShortMemoryLeavesNoHalfLogger)
         EXPECT_EQ(_korLogger_GetLogLevel(65), 100);
     }
     _korLogger_Uninitialize(KOR_AT_D(0, ex));
+}
+
+TEST_F(KorLoggerTest, TheLockKeepsConfigurationOut)
+{
+    Receiver receiver;
+    std::atomic<bool> begun = false, configured = false;
+    uint64_t before = gLoggerInitMapInUse;
+    _korLogger_Lock(KOR_AT_D(0, ex));
+    std::jthread other([&] {
+        KOR_EX_LOCAL(own);
+        begun = true;
+        _korLogger_SetLogCallbackForId(KOR_AT(&own, 0), 77, Receiver::callback, &receiver);
+        configured = true;
+    });
+    for (int yields = 0; yields < 1000 || !begun; yields++) {
+        std::this_thread::yield();
+    }
+    EXPECT_FALSE(configured);
+    EXPECT_EQ(gLoggerInitMap.entryCount, before);
+    _korLogger_Unlock(KOR_AT_D(0, ex));
+    other.join();
+    EXPECT_EQ(KOR_ATOMIC_LOAD(&gLoggerInitMapInUse), before + 1);
+    EXPECT_EQ(gLoggerInitMap.entryCount, before + 1);
 }
 
 } // namespace

@@ -635,3 +635,32 @@ TEST_P(KorPollerKinds, ThousandsOfConnectionsComeAndGo)
         }
     }
 }
+
+TEST_F(KorPoller, RecordsOfTheCallersStayTheCallers)
+{
+    poller_ = _korPoller_Create(ex, 0);
+    ASSERT_CLEAN();
+    EXPECT_EQ(poller_->kind, 0);
+    Pair pair(ex);
+    Handle handle;
+    int context = 0, closure = 0;
+    korPollerEvent socketEvent = {}, handleEvent = {};
+    _korPollerEvent_InitNetwork(ex, 0, &socketEvent, &context, &closure, KOR_POLL_READ, pair.first);
+    _korPollerEvent_InitHandle(ex, 0, &handleEvent, nullptr, &context, 0, handle.value());
+    EXPECT_EQ(_korPollerEvent_GetContext(ex, 0, &socketEvent), &context);
+    EXPECT_EQ(_korPollerEvent_GetClosure(ex, 0, &socketEvent), &closure);
+    EXPECT_EQ(_korPollerEvent_GetClosure(ex, 0, &handleEvent), &context);
+    _korPoller_AddEvent(ex, 0, poller_, &socketEvent);
+    _korPoller_AddEvent(ex, 0, poller_, &handleEvent);
+    pair.write();
+    EXPECT_EQ(next(), (Ready{&socketEvent}));
+    pair.read();
+    handle.set();
+    EXPECT_EQ(next(), (Ready{&handleEvent}));
+    _korPoller_RemoveEvent(0, ex, poller_, &socketEvent);
+    _korPoller_RemoveEvent(0, ex, poller_, &handleEvent);
+    pass();
+    EXPECT_TRUE(socketEvent.refCount == 1 && handleEvent.refCount == 1);
+    _korPollerEvent_Retain(ex, 0, &socketEvent);
+    EXPECT_FALSE(_korPollerEvent_Release(0, ex, &socketEvent));
+}

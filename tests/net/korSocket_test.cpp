@@ -489,3 +489,17 @@ TEST_F(KorSocketTest, ManyConnectionsFromManyThreads)
 }
 
 } // namespace
+
+TEST_F(KorSocketTest, AnOptionIsSetAsANumber)
+{
+    OwnedSocket socket = _korSocket_Create(KOR_AT(ex, 0), AF_INET, SOCK_STREAM, 0);
+    for (int32_t on : {1, 0}) {
+        _korSocket_SetOptInt(KOR_AT(ex, 0), socket, SOL_SOCKET, SO_KEEPALIVE, on);
+        EXPECT_EQ(option(socket, SOL_SOCKET, SO_KEEPALIVE) != 0, on != 0);
+    }
+#ifdef _WIN32
+    EXPECT_NE(ConnectEx, nullptr);
+#else
+    EXPECT_EQ(ConnectEx, nullptr) << "Linux has nothing like it";
+#endif
+}

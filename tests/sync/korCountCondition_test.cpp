@@ -66,3 +66,19 @@ TEST_F(KorCountCondition, EveryRequestMayFail)
     _korCountCondition_Signal(0, ex, nullptr);
     _korCountCondition_Wait(0, ex, nullptr, 1);
 }
+
+TEST_F(KorCountCondition, LivesInTheCallersStorage)
+{
+    korCountCondition counter;
+    _korCountCondition_Init(ex, 0, &counter);
+    ASSERT_CLEAN();
+    std::jthread other([&] {
+        korEx own = {};
+        _korCountCondition_Signal(0, &own, &counter);
+    });
+    _korCountCondition_Wait(0, ex, &counter, 1);
+    other.join();
+    EXPECT_EQ(counter.count, 1);
+    _korCondition_Clear(0, ex, &counter.condition);
+    _korMutex_Clear(ex, 0, &counter.mutex);
+}

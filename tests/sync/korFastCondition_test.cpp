@@ -91,3 +91,17 @@ TEST_F(KorFastRWLock, IsMadeOfFreeParts)
     _korFastRWLock_Destroy(0, ex, nullptr);
     EXPECT_EQ(sweepFailures(ex, [&] { _korFastRWLock_Destroy(0, ex, _korFastRWLock_Create(ex, 0, 0)); }), 1u);
 }
+
+TEST_F(KorFastRWLock, LivesInTheCallersStorage)
+{
+    korFastRWLock lock;
+    _korFastRWLock_Init(ex, 0, &lock, 7);
+    ASSERT_CLEAN();
+    EXPECT_TRUE(lock.firstLock.spinCount == 7 && lock.secondLock.spinCount == 7 && lock.readers == 0);
+    _korFastRWLock_Clear(0, ex, &lock);
+    korFastRWLock untouched = {};
+    KOR_RAISE(ex, 0, KOR_ERROR_TIMEOUT, nullptr);
+    _korFastRWLock_Init(ex, 0, &untouched, 7);
+    EXPECT_EQ(untouched.firstLock.spinCount, 0u);
+    EXPECT_RAISED(KOR_ERROR_TIMEOUT, nullptr);
+}

@@ -2,6 +2,7 @@
 
 #include "korutil/korThread.h"
 #include "korutil/korThreadLocal.h"
+#include "support/childProcess.h"
 #include "support/failingHeap.h"
 #include "support/meeting.h"
 
@@ -310,4 +311,19 @@ TEST_F(KorThreadLocal, KeysComeAndGoWhileThreadsSetValues)
     for (auto& key : keys) {
         destroy(key);
     }
+}
+
+TEST_F(KorThreadLocal, DISABLED_ChildOfAHostThatEndsItsThreads)
+{
+    int32_t key = create();
+    _kor_SetDotNetEnvironment(); // for good, which is why this has a process of its own
+    setElsewhere(key, 5);
+    EXPECT_EQ(ended, (Values{5}));
+    set(key, 6); // stays at the unloading: nobody is left to hear of it
+}
+
+TEST_F(KorThreadLocal, AHostsThreadsEndWithTheirDestructorsAllTheSame)
+{
+    ChildProcess child("KorThreadLocal.DISABLED_ChildOfAHostThatEndsItsThreads");
+    EXPECT_EQ(child.wait(), 0) << child.output();
 }

@@ -317,3 +317,11 @@ TEST_F(KorThread, OnceWaitsForACleanObject)
     EXPECT_EQ(onceRuns, 1);
     EXPECT_EQ(once.state, 3u);
 }
+
+TEST_F(KorThread, ADetachedThreadIsJoinedAllTheSame)
+{
+    korThread* thread = _korThread_Create(ex, 0, givesArgument, number(4), 0, "tDetached");
+    _korThread_Detach(ex, 0, thread);
+    EXPECT_EQ(_korThread_Join(ex, 0, thread), 4u);
+    _korThread_Destroy(0, ex, thread);
+}

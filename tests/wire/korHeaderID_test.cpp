@@ -83,3 +83,20 @@ TEST_F(KorHeaderIDTest, AnyRequestMayFail)
 }
 
 } // namespace
+
+TEST_F(KorHeaderIDTest, IsReadIntoACallersRecord)
+{
+    uint8_t bytes[17] = {0x81, 0};
+    uint8_t* cursor = bytes;
+    korHeaderID record = {9, {8, 7}};
+    _korBuf_ReadHeaderID(KOR_AT(ex, 0), &cursor, bytes + 2, &record);
+    EXPECT_TRUE(cursor == bytes + 2 && record.id == 256 && record.uuid[0] == 8 && record.uuid[1] == 7);
+    bytes[0] = 0;
+    cursor = bytes;
+    _korBuf_ReadHeaderID(KOR_AT(ex, 0), &cursor, bytes + 16, &record);
+    EXPECT_RAISED(12, "Buffer too small");
+    EXPECT_EQ(cursor, bytes + 1) << "behind the number";
+    cursor = bytes;
+    _korBuf_ReadHeaderID(KOR_AT(ex, 0), &cursor, bytes + 17, &record);
+    EXPECT_TRUE(cursor == bytes + 17 && record.id == 0 && record.uuid[0] == 0 && record.uuid[1] == 0);
+}

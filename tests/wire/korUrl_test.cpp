@@ -245,3 +245,15 @@ TEST_F(KorUrlTest, AnyRequestMayFail)
 }
 
 } // namespace
+
+TEST_F(KorUrlTest, IsBuiltFromNothing)
+{
+    korUrl* url = _korUrl_Create(KOR_AT(ex, 0));
+    _korUrl_SetScheme(KOR_AT(ex, 0), url, "tcp");
+    _korUrl_SetHost(KOR_AT(ex, 0), url, "h");
+    _korUrl_AddQuery(KOR_AT(ex, 0), url, "a", "1");
+    char text[32];
+    _korUrl_ToString(KOR_AT(ex, 0), url, text, sizeof text);
+    EXPECT_STREQ(text, "tcp://h?a=1");
+    _korUrl_Release(KOR_AT_D(0, ex), url);
+}
