@@ -161,4 +161,21 @@ TEST_F(KorDraTest, AnyRequestMayFail)
     _korPool_Destroy(KOR_AT_D(0, ex), storages);
 }
 
+TEST_F(KorDraTest, AnArrayOfTheCallersIsClearedAndMadeAnew)
+{
+    korDra own;
+    for (int32_t recordSize : {8, 24}) {
+        _korDra_Init(KOR_AT(ex, 0), &own, 2, recordSize);
+        EXPECT_EQ(own.capacity, 5 * recordSize) << "5 records are the least";
+        for (int i = 0; i < 20; i++) {
+            auto* record = static_cast<int64_t*>(_korDra_New(KOR_AT_D(0, ex), &own));
+            ASSERT_NE(record, nullptr);
+            EXPECT_EQ(*record, 0);
+            *record = i;
+        }
+        EXPECT_EQ(own.used, 20 * recordSize);
+        _korDra_Clear(KOR_AT_D(0, ex), &own);
+    }
+}
+
 } // namespace
