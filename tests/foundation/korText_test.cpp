@@ -198,8 +198,7 @@ TEST(korText, ErrorTextsOfSocketsAndOfTheLibrary)
 
 TEST(korText, FormatsWithAListOfArguments)
 {
-    auto format = [](char* buffer, size_t size, const char* pattern, ...) __attribute__((format(printf, 4, 5)))
-    {
+    auto format = [](char* buffer, size_t size, const char* pattern, ...) KOR_PRINTF(4, 5) {
         va_list arguments;
         va_start(arguments, pattern);
         uint32_t length = _kor_vsnprintf(buffer, size, pattern, arguments);

@@ -298,8 +298,7 @@ TEST_F(KorStatementTest, AListOfArgumentsMakesTheSameStatement)
 {
     Receiver receiver;
     receive(receiver);
-    auto log = [](int form, const char* format, ...) __attribute__((format(printf, 3, 4)))
-    {
+    auto log = [](int form, const char* format, ...) KOR_PRINTF(3, 4) {
         va_list arguments;
         va_start(arguments, format);
         if (form == 3) {
