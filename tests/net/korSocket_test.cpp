@@ -408,7 +408,11 @@ TEST_F(KorSocketTest, DescriptorsRunOut)
             korEx_Clear(ex);
         }
         if (left == 0) {
-            EXPECT_EQ(_korSocket_Create(KOR_AT(ex, 0), AF_INET, SOCK_STREAM, 0), _korSocketInvalid);
+            std::vector<OwnedSocket> last; // at most what came free below the listener's number
+            do {
+                last.emplace_back(_korSocket_Create(KOR_AT(ex, 0), AF_INET, SOCK_STREAM, 0));
+            } while (last.back() != _korSocketInvalid);
+            EXPECT_LE(last.size(), 3u);
             EXPECT_RAISED(6, "socket");
         }
     }
