@@ -112,14 +112,13 @@ void printSettings(const Configuration& c)
 {
     fprintf(stderr,
             "KOR_MEM_DEBUG_CONF=\"%s%s%s%sbackset=%d, display-threshold=%d, display-count-threshold=%d, free-hold=%d, "
-            "changed-only=%s, excess=%" PRIu64 ", up-only=%s, max-only=%s, timing=%lld:%lld:%lld milliseconds, "
-            "fail-alloc-above=%" PRIu64 "\n",
+            "changed-only=%s, excess=%" PRIu64 ", up-only=%s, max-only=%s, timing=%" PRId64 ":%" PRId64 ":%" PRId64
+            " milliseconds, fail-alloc-above=%" PRIu64 "\n",
             named(!c.track, "no-track, "), named(!c.scribble, "no-scribble, "), named(c.doubleFree, "double-free, "),
             named(c.protect, "protect, "), static_cast<int>(c.backset) - 16, static_cast<int>(c.displayBytes),
             static_cast<int>(c.displayCount), static_cast<int>(c.holdWakes * c.wakeMilliseconds / 1000),
-            yesOrNo(c.changedOnly), c.excess, yesOrNo(c.upOnly), yesOrNo(c.maxOnly),
-            static_cast<long long>(c.wakeMilliseconds), static_cast<long long>(c.wakeMilliseconds * c.holdWakes),
-            static_cast<long long>(c.wakeMilliseconds * c.printWakes), c.failAbove);
+            yesOrNo(c.changedOnly), c.excess, yesOrNo(c.upOnly), yesOrNo(c.maxOnly), c.wakeMilliseconds,
+            c.wakeMilliseconds * c.holdWakes, c.wakeMilliseconds * c.printWakes, c.failAbove);
     if (c.protect) {
         fputs("If the system runs out of mappings for \"protect\", raise their number: "
               "echo 128000 > /proc/sys/vm/max_map_count\n",
