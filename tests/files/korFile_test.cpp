@@ -2,6 +2,7 @@
 
 #include "filesTest.h"
 #include "support/failingHeap.h"
+#include "support/smallDisk.h"
 
 #include <cstring>
 #include <set>
@@ -140,6 +141,60 @@ TEST_F(KorFileTest, AWriteSaysIfItMaySucceedLater)
     EXPECT_EQ(fatal, 0);
     EXPECT_RAISED(15, "File seek failed.");
     _korFile_Close(KOR_AT_D(0, ex), unseekable);
+}
+
+// A block that did not fit is not lost: once there is room, the same write succeeds, and what was there has stayed.
+TEST_F(KorFileTest, AFullDiskIsUsableAgainWhenThereIsRoom)
+{
+    bool mounted = onSmallDisk(path(""), [this] {
+        const std::string block(16 * 1024, 'b');
+        std::ofstream(path("ballast")) << std::string(smallDiskSize / 2, 'a');
+        korFile* file = _korFile_Open(KOR_AT(ex, 0), path("file").c_str(), KOR_FILE_CREATE);
+        const auto size = static_cast<int32_t>(block.size());
+        int64_t offset = 0;
+        uint8_t fatal = 9;
+        while (offset < smallDiskSize &&
+               _korFile_Write(KOR_AT(ex, 0), file, offset, block.data(), size, &fatal) == size) {
+            offset += size;
+        }
+        EXPECT_GE(offset, size);
+        EXPECT_EQ(fatal, 0);
+        EXPECT_EQ(ex->osError, ENOSPC);
+        EXPECT_RAISED(15, "File write failed.");
+        std::filesystem::remove(path("ballast"));
+        EXPECT_EQ(_korFile_Write(KOR_AT(ex, 0), file, offset, block.data(), size, &fatal), size);
+        _korFile_Close(KOR_AT_D(0, ex), file);
+        EXPECT_CLEAN();
+        EXPECT_EQ(content("file"), std::string(static_cast<size_t>(offset + size), 'b'));
+    });
+    if (!mounted) {
+        GTEST_SKIP() << "this user may not mount";
+    }
+}
+
+TEST_F(KorFileTest, AReadOnlyDiskDeniesEveryChange)
+{
+    bool mounted = onSmallDisk(path(""), [this] {
+        write("old", "content");
+        ASSERT_TRUE(makeReadOnly(path("")));
+        EXPECT_EQ(_korFile_Open(KOR_AT(ex, 0), path("new").c_str(), KOR_FILE_CREATE), nullptr);
+        EXPECT_EQ(ex->osError, EROFS);
+        EXPECT_RAISED(KOR_ERROR_NOT_PERMITTED, "File cannot be opened.");
+        EXPECT_EQ(_korFile_Open(KOR_AT(ex, 0), path("old").c_str(), 0), nullptr);
+        EXPECT_RAISED(KOR_ERROR_NOT_PERMITTED, "File cannot be opened.");
+        _korFile_Rename(KOR_AT(ex, 0), path("old").c_str(), path("new").c_str());
+        EXPECT_EQ(ex->osError, EROFS);
+        EXPECT_NE(ex->code, 0);
+        korEx_Clear(ex);
+        _korFile_DeletePath(KOR_AT(ex, 0), path("old").c_str());
+        EXPECT_EQ(ex->osError, EROFS);
+        EXPECT_NE(ex->code, 0);
+        korEx_Clear(ex);
+        EXPECT_EQ(content("old"), "content");
+    });
+    if (!mounted) {
+        GTEST_SKIP() << "this user may not mount";
+    }
 }
 #endif
 

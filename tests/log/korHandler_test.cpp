@@ -2,6 +2,7 @@
 
 #include "loggerTest.h"
 #include "support/failingHeap.h"
+#include "support/smallDisk.h"
 
 #include "korutil/korAlloc.h"
 #include "korutil/korDpa.h"
@@ -171,6 +172,36 @@ TEST_F(KorHandlerTest, AFileThatCannotBeOpenedLosesStatementsUntilItCan)
     logNumbers(handler, 2, 2); // the next statement tries again
     EXPECT_EQ(folder.text("missing/log.0"), statement(2));
     close(handler);
+}
+
+// Nothing harms the program, and logging goes on by itself as soon as the disk allows it.
+TEST_F(KorHandlerTest, AFullDiskAndAReadOnlyOneLoseStatementsUntilTheyAllowThem)
+{
+    bool mounted = onSmallDisk(folder.path(""), [this] {
+        korHandler* handler = openRolling(folder.path("log"), "1000000", "2");
+        logNumbers(handler, 1, 10);
+        std::ofstream(folder.path("ballast")) << std::string(2 * smallDiskSize, 'a');
+        logNumbers(handler, 11, 5000); // more than the page that the file has
+        std::filesystem::remove(folder.path("ballast"));
+        logNumbers(handler, 5001, 5001);
+        std::string text = folder.text("log.0");
+        for (int number = 1; number <= 10; number++) {
+            EXPECT_EQ(text.find(statement(number)), static_cast<size_t>(number - 1) * statement(number).size());
+        }
+        EXPECT_LT(text.size(), 5001 * statement(1).size());
+        EXPECT_NE(text.find(statement(5001)), std::string::npos);
+        close(handler);
+
+        ASSERT_TRUE(makeReadOnly(folder.path("")));
+        handler = _korRollingFileHandler_Create(KOR_AT(ex, 0));
+        EXPECT_FALSE(open(handler, {{"filenamePrefix", folder.path("log")}, {"maxSize", "10"}, {"maxFiles", "2"}}));
+        logNumbers(handler, 1, 3);
+        EXPECT_EQ(folder.text("log.0"), text);
+        close(handler);
+    });
+    if (!mounted) {
+        GTEST_SKIP() << "this user may not mount";
+    }
 }
 
 // A prefix of 1023 characters leaves no room for the number: the series is one file that loses nothing but its bound.
