@@ -31,6 +31,7 @@ constexpr uint32_t smallPacketSize = 208;
 struct Settings {
     const char* port;
     const char* bind;
+    const char* levels;    ///< of statements, or NULL
     const char* traced;    ///< client id whose statements are all shown, or NULL
     int64_t statsInterval; ///< milliseconds; 0 = no reports
     int64_t retryInterval; ///< milliseconds until a packet with QoS 1 is sent again

@@ -46,7 +46,6 @@ const spamc_option options[] = {
 
 struct CommandLine {
     Settings settings;
-    const char* levels;
     bool wantsHelp;
 };
 
@@ -75,7 +74,7 @@ void readOption(korEx* ex, uint8_t depth, int option, CommandLine* line)
         settings->bind = text;
         break;
     case 'l':
-        line->levels = text;
+        settings->levels = text;
         break;
     case 't':
         settings->traced = text;
@@ -279,8 +278,10 @@ void openExchange(korEx* ex, uint8_t depth, Exchange* exchange, const Settings& 
 {
     exchange->settings = settings;
     exchange->listener = _korSocketInvalid;
+    _korLogger_Initialize(KOR_AT(ex, depth));
     exchange->serverComponent = _korLogger_RegisterComponent(KOR_AT(ex, depth), "exchange", "exch");
     exchange->clientComponent = _korLogger_RegisterComponent(KOR_AT(ex, depth), "clients", "clnt");
+    _korLogger_SetLogLevels(KOR_AT(ex, depth), settings.levels);
     exchange->secondsPerTick = _korPerf_TimerScale();
     exchange->now = nowOf(exchange);
     exchange->reportedAt = exchange->now;
@@ -328,7 +329,6 @@ int main(int argc, char** argv)
     if (line.wantsHelp && ex.code == 0) {
         std::fputs(usage, stdout);
     } else {
-        _korLogger_SetLogLevels(KOR_AT(&ex, 0), line.levels);
         _korSignalMonitor_Start(KOR_AT(&ex, 0), nullptr);
         if (ex.code == 0) {
             served = serve(KOR_AT(&ex, 0), line.settings);
