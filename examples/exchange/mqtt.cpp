@@ -457,8 +457,11 @@ void checkPacket(korEx* ex, uint8_t depth, uint8_t* packet, const Header& header
 
 bool reserve(korEx* ex, uint8_t depth, korBuffer* to, uint32_t size)
 {
+    if (ex->code != 0) {
+        return false; // there may be no buffer, for want of memory
+    }
     auto room = static_cast<uint32_t>(to->data + to->capacity - to->position);
-    if (ex->code == 0 && room < size) {
+    if (room < size) {
         uint32_t missing = size - room;
         auto capacity = static_cast<uint32_t>(to->capacity);
         _korBuffer_Expand(KOR_AT(ex, depth), to, static_cast<int32_t>(missing > capacity ? missing : capacity));
