@@ -1,9 +1,12 @@
-// childProcess.cpp - starting this program again, on both systems, with its output in a pipe.
+// childProcess.cpp - starting programs, on both systems, with their output in a pipe.
 
 #include "support/childProcess.h"
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
 #include <random>
 #include <vector>
 
@@ -20,7 +23,7 @@ namespace kor::test {
 
 #ifdef _WIN32
 
-struct ChildProcess::Handles {
+struct ProcessHandles {
     HANDLE process = nullptr;
     HANDLE output = nullptr;
 };
@@ -42,58 +45,73 @@ std::string environmentBlock(const std::map<std::string, std::string>& added)
     return block + '\0';
 }
 
-} // namespace
-
-ChildProcess::ChildProcess(const std::string& filter, const std::map<std::string, std::string>& environment)
-    : handles_(std::make_unique<Handles>())
+std::string thisProgram()
 {
     char program[MAX_PATH];
     GetModuleFileNameA(nullptr, program, MAX_PATH);
-    std::string command = "\"" + std::string(program) + "\" --gtest_also_run_disabled_tests --gtest_filter=" + filter;
+    return program;
+}
+
+// No argument may have a quotation mark or end with a backslash.
+std::unique_ptr<ProcessHandles> start(const std::string& program, const std::vector<std::string>& arguments,
+                                      const std::map<std::string, std::string>& environment)
+{
+    auto handles = std::make_unique<ProcessHandles>();
+    std::string command = "\"" + program + "\"";
+    for (const std::string& argument : arguments) {
+        command += " \"" + argument + "\"";
+    }
     SECURITY_ATTRIBUTES inheritable = {sizeof inheritable, nullptr, TRUE};
     HANDLE written;
-    CreatePipe(&handles_->output, &written, &inheritable, 0);
-    SetHandleInformation(handles_->output, HANDLE_FLAG_INHERIT, 0);
+    CreatePipe(&handles->output, &written, &inheritable, 0);
+    SetHandleInformation(handles->output, HANDLE_FLAG_INHERIT, 0);
     STARTUPINFOA start = {};
     start.cb = sizeof start;
     start.dwFlags = STARTF_USESTDHANDLES;
     start.hStdOutput = written;
     start.hStdError = written;
     PROCESS_INFORMATION started = {};
-    if (CreateProcessA(program, command.data(), nullptr, nullptr, TRUE, 0, environmentBlock(environment).data(),
+    if (CreateProcessA(program.c_str(), command.data(), nullptr, nullptr, TRUE, 0, environmentBlock(environment).data(),
                        nullptr, &start, &started)) {
-        handles_->process = started.hProcess;
+        handles->process = started.hProcess;
         CloseHandle(started.hThread);
     }
     CloseHandle(written);
+    return handles;
 }
 
-int ChildProcess::wait()
+// Gives 0 at the end of the output.
+size_t readOutput(ProcessHandles* handles, char* text, size_t size)
 {
-    if (waited_) {
-        return exitCode_;
-    }
-    waited_ = true;
-    char text[4096];
-    DWORD length;
-    while (ReadFile(handles_->output, text, sizeof text, &length, nullptr) && length > 0) {
-        output_.append(text, length);
-    }
-    std::erase(output_, '\r');
-    CloseHandle(handles_->output);
-    if (handles_->process != nullptr) {
-        DWORD code;
-        WaitForSingleObject(handles_->process, INFINITE);
-        GetExitCodeProcess(handles_->process, &code);
-        CloseHandle(handles_->process);
-        exitCode_ = static_cast<int>(code);
-    }
-    return exitCode_;
+    DWORD length = 0;
+    return ReadFile(handles->output, text, static_cast<DWORD>(size), &length, nullptr) ? length : 0;
 }
+
+void sendSignal(ProcessHandles* handles, int)
+{
+    if (handles->process != nullptr) {
+        TerminateProcess(handles->process, 1);
+    }
+}
+
+int finish(ProcessHandles* handles)
+{
+    CloseHandle(handles->output);
+    if (handles->process == nullptr) {
+        return -1;
+    }
+    DWORD code;
+    WaitForSingleObject(handles->process, INFINITE);
+    GetExitCodeProcess(handles->process, &code);
+    CloseHandle(handles->process);
+    return static_cast<int>(code);
+}
+
+} // namespace
 
 #else
 
-struct ChildProcess::Handles {
+struct ProcessHandles {
     pid_t process = -1;
     int output = -1;
 };
@@ -123,29 +141,64 @@ std::vector<std::string> environmentOf(const std::map<std::string, std::string>&
     return texts;
 }
 
-} // namespace
-
-ChildProcess::ChildProcess(const std::string& filter, const std::map<std::string, std::string>& environment)
-    : handles_(std::make_unique<Handles>())
+std::string thisProgram()
 {
-    std::vector<std::string> arguments = {"child", "--gtest_also_run_disabled_tests", "--gtest_filter=" + filter};
+    return "/proc/self/exe";
+}
+
+std::unique_ptr<ProcessHandles> start(const std::string& program, std::vector<std::string> arguments,
+                                      const std::map<std::string, std::string>& environment)
+{
+    auto handles = std::make_unique<ProcessHandles>();
+    arguments.insert(arguments.begin(), program);
     std::vector<std::string> variables = environmentOf(environment);
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0) {
-        return;
+        return handles;
     }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, ends[1], STDERR_FILENO);
-    if (posix_spawn(&handles_->process, "/proc/self/exe", &actions, nullptr, pointersTo(arguments).data(),
+    if (posix_spawn(&handles->process, program.c_str(), &actions, nullptr, pointersTo(arguments).data(),
                     pointersTo(variables).data()) != 0) {
-        handles_->process = -1;
+        handles->process = -1;
     }
     posix_spawn_file_actions_destroy(&actions);
     close(ends[1]);
-    handles_->output = ends[0];
+    handles->output = ends[0];
+    return handles;
 }
+
+// Gives 0 at the end of the output.
+size_t readOutput(ProcessHandles* handles, char* text, size_t size)
+{
+    ssize_t length = read(handles->output, text, size);
+    return length > 0 ? static_cast<size_t>(length) : 0;
+}
+
+void sendSignal(ProcessHandles* handles, int number)
+{
+    if (handles->process > 0) {
+        kill(handles->process, number);
+    }
+}
+
+int finish(ProcessHandles* handles)
+{
+    close(handles->output);
+    int status;
+    bool ended = handles->process > 0 && waitpid(handles->process, &status, 0) > 0 && WIFEXITED(status);
+    return ended ? WEXITSTATUS(status) : -1;
+}
+
+} // namespace
+
+#endif
+
+ChildProcess::ChildProcess(const std::string& filter, const std::map<std::string, std::string>& environment)
+    : handles_(start(thisProgram(), {"--gtest_also_run_disabled_tests", "--gtest_filter=" + filter}, environment))
+{}
 
 int ChildProcess::wait()
 {
@@ -154,23 +207,101 @@ int ChildProcess::wait()
     }
     waited_ = true;
     char text[4096];
-    ssize_t length;
-    while ((length = read(handles_->output, text, sizeof text)) > 0) {
-        output_.append(text, static_cast<size_t>(length));
+    while (size_t length = readOutput(handles_.get(), text, sizeof text)) {
+        output_.append(text, length);
     }
-    close(handles_->output);
-    int status;
-    if (handles_->process > 0 && waitpid(handles_->process, &status, 0) > 0 && WIFEXITED(status)) {
-        exitCode_ = WEXITSTATUS(status);
-    }
+    std::erase(output_, '\r');
+    exitCode_ = finish(handles_.get());
     return exitCode_;
 }
-
-#endif
 
 ChildProcess::~ChildProcess()
 {
     wait();
+}
+
+Program::Program(const std::string& path, const std::vector<std::string>& arguments)
+    : handles_(start(path, arguments, {})), collector_([this] { collect(); })
+{}
+
+void Program::collect()
+{
+    char text[4096];
+    while (size_t length = readOutput(handles_.get(), text, sizeof text)) {
+        std::lock_guard lock(mutex_);
+        output_.append(text, length);
+        std::erase(output_, '\r');
+        changed_.notify_all();
+    }
+    std::lock_guard lock(mutex_);
+    ended_ = true;
+    changed_.notify_all();
+}
+
+namespace {
+
+constexpr auto patience = std::chrono::minutes(1);
+constexpr int killing = 9; // SIGKILL, which Windows has no name for
+
+size_t count(const std::string& whole, const std::string& part)
+{
+    size_t found = 0;
+    for (size_t at = whole.find(part); at != std::string::npos; at = whole.find(part, at + part.size())) {
+        found++;
+    }
+    return found;
+}
+
+} // namespace
+
+bool Program::waitFor(const std::string& text, size_t times)
+{
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, patience, [&] { return ended_ || count(output_, text) >= times; });
+    return count(output_, text) >= times;
+}
+
+void Program::signal(int number)
+{
+    sendSignal(handles_.get(), number);
+}
+
+int Program::wait()
+{
+    if (waited_) {
+        return exitCode_;
+    }
+    waited_ = true;
+    std::unique_lock lock(mutex_);
+    bool ended = changed_.wait_for(lock, patience, [&] { return ended_; });
+    lock.unlock();
+    if (!ended) {
+        sendSignal(handles_.get(), killing);
+    }
+    collector_.join();
+    int code = finish(handles_.get());
+    exitCode_ = ended ? code : -1;
+    return exitCode_;
+}
+
+std::string Program::output()
+{
+    std::lock_guard lock(mutex_);
+    return output_;
+}
+
+Program::~Program()
+{
+    if (!waited_) {
+        sendSignal(handles_.get(), killing);
+    }
+    wait();
+}
+
+std::string besideThisProgram(const std::string& relative)
+{
+    auto folder = std::filesystem::canonical(thisProgram()).parent_path();
+    return (folder / relative).lexically_normal().make_preferred().string();
 }
 
 std::string uniqueName(const std::string& stem)
