@@ -457,8 +457,11 @@ void checkPacket(korEx* ex, uint8_t depth, uint8_t* packet, const Header& header
 
 bool reserve(korEx* ex, uint8_t depth, korBuffer* to, uint32_t size)
 {
+    if (ex->code != 0) {
+        return false; // there may be no buffer
+    }
     auto room = static_cast<uint32_t>(to->data + to->capacity - to->position);
-    if (ex->code == 0 && room < size) {
+    if (room < size) {
         uint32_t missing = size - room;
         auto capacity = static_cast<uint32_t>(to->capacity);
         _korBuffer_Expand(KOR_AT(ex, depth), to, static_cast<int32_t>(missing > capacity ? missing : capacity));
@@ -540,6 +543,14 @@ void writeSubscribe(korEx* ex, uint8_t depth, korBuffer* to, uint16_t packetId, 
         putNumber(to, packetId);
         putField(to, filter);
         putByte(to, qos);
+    }
+}
+
+void writeUnsubscribe(korEx* ex, uint8_t depth, korBuffer* to, uint16_t packetId, Bytes filter)
+{
+    if (begin(KOR_AT(ex, depth), to, Type::unsubscribe, 2, 2 + 2 + filter.length)) {
+        putNumber(to, packetId);
+        putField(to, filter);
     }
 }
 
