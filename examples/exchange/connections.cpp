@@ -15,7 +15,6 @@
 namespace {
 
 constexpr int64_t connectTime = 10'000; // milliseconds from the acceptance to the CONNECT
-constexpr uint32_t receiveSize = 64 * 1024;
 constexpr uint32_t partSize = 4096;
 constexpr int32_t acceptedAtOnce = 64;
 

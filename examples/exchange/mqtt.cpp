@@ -546,6 +546,14 @@ void writeSubscribe(korEx* ex, uint8_t depth, korBuffer* to, uint16_t packetId, 
     }
 }
 
+void writeUnsubscribe(korEx* ex, uint8_t depth, korBuffer* to, uint16_t packetId, Bytes filter)
+{
+    if (begin(KOR_AT(ex, depth), to, Type::unsubscribe, 2, 2 + 2 + filter.length)) {
+        putNumber(to, packetId);
+        putField(to, filter);
+    }
+}
+
 void writeSuback(korEx* ex, uint8_t depth, korBuffer* to, uint16_t packetId, Bytes answers)
 {
     if (begin(KOR_AT(ex, depth), to, Type::suback, 0, 2 + answers.length)) {

@@ -142,6 +142,8 @@ void writeAcknowledgement(korEx* ex, uint8_t depth, korBuffer* to, Type type, ui
 void writeEmpty(korEx* ex, uint8_t depth, korBuffer* to, Type type);
 /// Writes a SUBSCRIBE of one filter.
 void writeSubscribe(korEx* ex, uint8_t depth, korBuffer* to, uint16_t packetId, Bytes filter, uint8_t qos);
+/// Writes an UNSUBSCRIBE of one filter.
+void writeUnsubscribe(korEx* ex, uint8_t depth, korBuffer* to, uint16_t packetId, Bytes filter);
 /// Writes a SUBACK with one answer for each filter.
 void writeSuback(korEx* ex, uint8_t depth, korBuffer* to, uint16_t packetId, Bytes answers);
 

@@ -51,7 +51,7 @@ void startTrace(korEx* ex, uint8_t depth, Connection* connection)
     const char* traced = connection->exchange->settings.traced;
     if (traced != nullptr && std::strcmp(traced, connection->clientId) == 0) {
         connection->logKey = _korSpookyHash_Short(traced, std::strlen(traced), nullptr) | 1;
-        _korLogger_SetLogLevelsForId(KOR_AT(ex, depth), connection->logKey, "all:debug");
+        _korLogger_SetLogLevelsForId(KOR_AT(ex, depth), connection->logKey, "clients:debug");
     }
 }
 
