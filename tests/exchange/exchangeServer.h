@@ -96,13 +96,6 @@ public:
     /// After this, what this client sent has reached the sockets of its receivers, and nothing waits at this one.
     void settle() { EXPECT_EQ(ask(pingPacket), pongPacket); }
 
-    /// How much may wait unread.
-    void shrinkReceiveBuffer()
-    {
-        KOR_EX_LOCAL(ex);
-        _korSocket_SetRcvbuf(KOR_AT(&ex, 0), socket_, 4096);
-        EXPECT_TRUE(clean(&ex));
-    }
     void close() { _korSocket_ForceClose(0, nullptr, std::exchange(socket_, _korSocketInvalid)); }
 
 private:

@@ -559,7 +559,6 @@ TEST_F(ExchangeTest, SlowReaderLosesMessagesWithQos0)
     Client reader = connect("reader");
     reader.subscribe("flood");
     Client slow = connect("slow");
-    slow.shrinkReceiveBuffer();
     slow.subscribe("flood");
     slow.subscribe("last", 1);
     flood(publisher, reader, count);
@@ -577,6 +576,7 @@ TEST_F(ExchangeTest, SlowReaderLosesMessagesWithQos0)
     }
     EXPECT_GE(got, 15u);
     EXPECT_LT(got, count);
+    slow.send(pubackPacket(1));
     publisher.send(publishPacket("flood", "again")); // it has caught up
     EXPECT_EQ(slow.next(), publishPacket("flood", "again"));
 }
@@ -588,7 +588,6 @@ TEST_F(ExchangeTest, SlowReaderIsDisconnectedInTheEnd)
     Client reader = connect("reader");
     reader.subscribe("gone");
     Client slow = connect("slow", 0, {"gone", "slow"});
-    slow.shrinkReceiveBuffer();
     slow.subscribe("flood", 1);
     std::string heard;
     for (int i = 0; i < 2000 && heard.empty(); i++) {
