@@ -458,7 +458,7 @@ void checkPacket(korEx* ex, uint8_t depth, uint8_t* packet, const Header& header
 bool reserve(korEx* ex, uint8_t depth, korBuffer* to, uint32_t size)
 {
     if (ex->code != 0) {
-        return false; // there may be no buffer
+        return false; // there may be no buffer, for want of memory
     }
     auto room = static_cast<uint32_t>(to->data + to->capacity - to->position);
     if (room < size) {
