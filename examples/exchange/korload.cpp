@@ -3,54 +3,24 @@
 // number of each publisher once and in order.
 
 #include "client.h"
-#include "latency.h"
+#include "loadReport.h"
 
 #include <korutil/korAlloc.h>
 #include <korutil/korBitset.h>
-#include <korutil/korGetopt.h>
 #include <korutil/korLib.h>
 #include <korutil/korRand.h>
 #include <korutil/korTime.h>
 
-#include <unistd.h>
-
-#include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 namespace {
 
-constexpr uint64_t stallTime = 10000;    // milliseconds without a message that end a run
-constexpr uint64_t quietTime = 100;      // milliseconds in which messages that come twice may still come
-constexpr uint64_t progressTime = 100;   // milliseconds between two lines of progress
-constexpr uint32_t fillerShifts = 256;   // fillers of this many neighbouring messages differ
-constexpr uint32_t mostUnderWay = 60000; // below the number of packet ids
+constexpr uint64_t stallTime = 10000;  // milliseconds without a message that end a run
+constexpr uint64_t quietTime = 100;    // milliseconds in which messages that come twice may still come
+constexpr uint32_t fillerShifts = 256; // fillers of this many neighbouring messages differ
 constexpr int32_t topicSize = 64;
 constexpr int32_t runNameSize = 9;
-
-struct Options {
-    const char* host = "127.0.0.1";
-    const char* port = "1883";
-    uint32_t publishers = 1;
-    uint32_t subscribers = 1;
-    uint32_t messages = 100000;
-    uint32_t size = 64;
-    uint32_t qos = 0;
-    uint32_t topics = 1;
-    uint32_t window = 500;
-    uint32_t idle = 0;
-    bool wildcard = false;
-    bool csv = false;
-    bool help = false;
-};
-
-/// What every payload begins with. Sender and receiver are one program, so numbers stay in its byte order.
-struct Stamp {
-    uint32_t publisher;
-    uint32_t number;
-    int64_t sentAt; ///< ticks
-};
 
 struct Load;
 
@@ -69,16 +39,6 @@ struct Subscriber {
     uint64_t received;  ///< messages, each counted once
 };
 
-struct Counts {
-    uint64_t published;
-    uint64_t acknowledged;
-    uint64_t received; ///< by all subscribers, each message counted once
-    uint64_t duplicates;
-    uint64_t marked; ///< of the duplicates, with QoS 1 and said to be sent again: that is allowed
-    uint64_t disorder;
-    uint64_t damaged;
-};
-
 struct Load {
     Options options;
     mqtt::Loop loop;
@@ -88,115 +48,8 @@ struct Load {
     uint8_t* filler;
     uint8_t* payload; ///< of the message being published
     uint32_t turnOf;  ///< publisher who is next
-    Counts counts;
-    Latency latency;
-    int64_t firstAt; ///< ticks
-    int64_t lastAt;  ///< ticks of the last message that came
-    bool stalled;
+    Result result;
 };
-
-// ---- Options --------------------------------------------------------------------------------------------------------
-
-enum Choice { host = 1, port, publishers, subscribers, messages, size, qos, topics, window, idle, wildcard, csv, help };
-
-const spamc_option choices[] = {{"host", 1, nullptr, host},
-                                {"port", 1, nullptr, port},
-                                {"publishers", 1, nullptr, publishers},
-                                {"subscribers", 1, nullptr, subscribers},
-                                {"messages", 1, nullptr, messages},
-                                {"size", 1, nullptr, size},
-                                {"qos", 1, nullptr, qos},
-                                {"topics", 1, nullptr, topics},
-                                {"window", 1, nullptr, window},
-                                {"idle", 1, nullptr, idle},
-                                {"wildcard", 0, nullptr, wildcard},
-                                {"csv", 0, nullptr, csv},
-                                {"help", 0, nullptr, help},
-                                {nullptr, 0, nullptr, 0}};
-
-void printHelp()
-{
-    std::puts("korload: publishes to an MQTT 3.1.1 server, counts every message at every subscriber\n"
-              "  --host NAME         of the server (127.0.0.1)\n"
-              "  --port N            of the server (1883)\n"
-              "  --publishers N      connections that publish (1)\n"
-              "  --subscribers N     connections that subscribe, each to everything (1)\n"
-              "  --messages N        from each publisher (100000)\n"
-              "  --size BYTES        of a payload, 16 at least (64)\n"
-              "  --qos 0|1           of messages and subscriptions (0)\n"
-              "  --topics N          that every publisher goes around (1)\n"
-              "  --wildcard          subscribe with one wildcard, not to each topic\n"
-              "  --window N          messages under way at most, of all publishers (500)\n"
-              "  --csv               one line: published,received,lost,duplicates,disorder,damaged,seconds,\n"
-              "                      received a second, then microseconds: median,99%,99.9%,longest\n"
-              "  --idle N            open N connections, say so, and hold them until a line comes in\n"
-              "Exits with 1 if a message was lost, came twice, out of order or changed, or the server failed,\n"
-              "and with 2 for options that are wrong. With QoS 1 a message may come again that says so.");
-}
-
-bool readNumber(const char* text, uint32_t least, uint32_t most, uint32_t* number)
-{
-    char* end = nullptr;
-    unsigned long long value = std::strtoull(text, &end, 10);
-    bool isRight = *text >= '0' && *text <= '9' && *end == '\0' && value >= least && value <= most;
-    *number = isRight ? static_cast<uint32_t>(value) : *number;
-    return isRight;
-}
-
-bool takeOption(int option, const char* argument, Options* options)
-{
-    switch (option) {
-    case host:
-        options->host = argument;
-        return true;
-    case port:
-        options->port = argument;
-        return true;
-    case publishers:
-        return readNumber(argument, 1, 10000, &options->publishers);
-    case subscribers:
-        return readNumber(argument, 1, 10000, &options->subscribers);
-    case messages:
-        return readNumber(argument, 1, 1000000000, &options->messages);
-    case size:
-        return readNumber(argument, sizeof(Stamp), 1000000, &options->size);
-    case qos:
-        return readNumber(argument, 0, 1, &options->qos);
-    case topics:
-        return readNumber(argument, 1, 10000, &options->topics);
-    case window:
-        return readNumber(argument, 1, mostUnderWay, &options->window);
-    case idle:
-        return readNumber(argument, 1, 100000, &options->idle);
-    case wildcard:
-        return options->wildcard = true;
-    case csv:
-        return options->csv = true;
-    case help:
-        return options->help = true;
-    default:
-        return false; // the parser has told
-    }
-}
-
-bool readOptions(int argc, char** argv, Options* options)
-{
-    int option = 0;
-    while ((option = spamc_getopt_long(argc, argv, "", choices, nullptr)) != -1) {
-        const char* argument = spamc_get_optarg();
-        if (!takeOption(option, argument, options)) {
-            if (option != '?') {
-                std::fprintf(stderr, "korload: %s is no value for --%s\n", argument, choices[option - 1].name);
-            }
-            return false;
-        }
-    }
-    if (spamc_get_optind() < argc) {
-        std::fprintf(stderr, "korload: %s is no option\n", argv[spamc_get_optind()]);
-        return false;
-    }
-    return true;
-}
 
 // ---- Receiving ------------------------------------------------------------------------------------------------------
 
@@ -222,7 +75,7 @@ void skipTo(korEx* ex, uint8_t depth, Subscriber* subscriber, Stamp stamp)
 
 void countLate(korEx* ex, uint8_t depth, Subscriber* subscriber, const Stamp& stamp, bool isMarked)
 {
-    Counts* counts = &subscriber->load->counts;
+    Counts* counts = &subscriber->load->result.counts;
     uint64_t index = indexOf(subscriber->load, stamp);
     if (_korBitset_IsPresent(KOR_AT(ex, depth), subscriber->missing, index)) {
         _korBitset_Remove(KOR_AT(ex, depth), subscriber->missing, index);
@@ -244,7 +97,7 @@ void count(korEx* ex, uint8_t depth, Subscriber* subscriber, const Stamp& stamp,
     }
     skipTo(KOR_AT(ex, depth), subscriber, stamp);
     *next = stamp.number + 1;
-    subscriber->load->counts.received++;
+    subscriber->load->result.counts.received++;
     subscriber->received++;
 }
 
@@ -257,11 +110,11 @@ void takeMessage(korEx* ex, uint8_t depth, mqtt::Client* client, const mqtt::Pub
         std::memcpy(&stamp, message.payload.data, sizeof(stamp));
     }
     if (message.payload.length != load->options.size || !isOurs(load, message, stamp)) {
-        load->counts.damaged++;
+        load->result.counts.damaged++;
         return;
     }
-    load->lastAt = _korPerf_TimerNow();
-    addLatency(&load->latency, load->lastAt - stamp.sentAt);
+    load->result.lastAt = _korPerf_TimerNow();
+    addLatency(&load->result.latency, load->result.lastAt - stamp.sentAt);
     count(KOR_AT(ex, depth), subscriber, stamp, message.duplicate);
 }
 
@@ -269,7 +122,7 @@ void takeAcknowledgement(korEx*, uint8_t, mqtt::Client* client, uint16_t)
 {
     auto* publisher = static_cast<Publisher*>(client->owner);
     publisher->acknowledged++;
-    publisher->load->counts.acknowledged++;
+    publisher->load->result.counts.acknowledged++;
 }
 
 // ---- Publishing -----------------------------------------------------------------------------------------------------
@@ -294,20 +147,20 @@ void publishOne(korEx* ex, uint8_t depth, Load* load, uint32_t index)
     message.qos = static_cast<uint8_t>(load->options.qos);
     mqtt::publish(KOR_AT(ex, depth), &publisher->client, message);
     publisher->published++;
-    load->counts.published++;
+    load->result.counts.published++;
 }
 
 // Messages that may be published now: the slowest subscriber, and with QoS 1 the server, set the pace.
 uint64_t roomLeft(const Load* load)
 {
     const Options& options = load->options;
-    uint64_t published = load->counts.published;
-    uint64_t taken = options.qos > 0 ? load->counts.acknowledged : published;
+    uint64_t published = load->result.counts.published;
+    uint64_t taken = options.qos > 0 ? load->result.counts.acknowledged : published;
     for (uint32_t i = 0; i < options.subscribers; i++) {
         uint64_t received = load->subscribers[i].received;
         taken = received < taken ? received : taken;
     }
-    uint64_t left = uint64_t{options.publishers} * options.messages - published;
+    uint64_t left = publishedInAll(options) - published;
     uint64_t room = options.window - (published - taken);
     return room < left ? room : left;
 }
@@ -331,69 +184,38 @@ void publishSome(korEx* ex, uint8_t depth, Load* load)
 
 // ---- The run --------------------------------------------------------------------------------------------------------
 
-uint64_t publishedInAll(const Load* load)
-{
-    return uint64_t{load->options.publishers} * load->options.messages;
-}
-
-uint64_t expectedInAll(const Load* load)
-{
-    return publishedInAll(load) * load->options.subscribers;
-}
-
-bool isComplete(const Load* load)
-{
-    const Counts& counts = load->counts;
-    return counts.received == expectedInAll(load) &&
-           (load->options.qos == 0 || counts.acknowledged >= publishedInAll(load));
-}
-
 uint64_t arrivals(const Counts& counts)
 {
     return counts.received + counts.duplicates + counts.damaged + counts.acknowledged;
-}
-
-void showProgress(const Load* load, bool isLast)
-{
-    static uint64_t shownAt = 0;
-    uint64_t now = _kor_GetCurrentMilliseconds();
-    if (load->options.csv || isatty(STDOUT_FILENO) == 0 || (!isLast && now < shownAt + progressTime)) {
-        return;
-    }
-    shownAt = now;
-    double share = static_cast<double>(load->counts.received) / static_cast<double>(expectedInAll(load));
-    std::printf("\r%12" PRIu64 " of %" PRIu64 " received, %3.0f%%%s", load->counts.received, expectedInAll(load),
-                share * 100, isLast ? "\n" : "");
-    std::fflush(stdout);
 }
 
 // Takes turns until all has come or, with `patience` milliseconds without anything, no more comes.
 void takeTurns(korEx* ex, uint8_t depth, Load* load, uint64_t patience, bool untilComplete)
 {
     uint64_t heardAt = _kor_GetCurrentMilliseconds();
-    uint64_t before = arrivals(load->counts);
-    while (ex->code == 0 && !(untilComplete && isComplete(load))) {
+    uint64_t before = arrivals(load->result.counts);
+    while (ex->code == 0 && !(untilComplete && isComplete(load->options, load->result.counts))) {
         publishSome(KOR_AT(ex, depth), load);
         mqtt::turn(KOR_AT(ex, depth), &load->loop, static_cast<int32_t>(quietTime));
         uint64_t now = _kor_GetCurrentMilliseconds();
-        if (arrivals(load->counts) != before) {
-            before = arrivals(load->counts);
+        if (arrivals(load->result.counts) != before) {
+            before = arrivals(load->result.counts);
             heardAt = now;
         } else if (now >= heardAt + patience) {
-            load->stalled = untilComplete;
+            load->result.stalled = untilComplete;
             return;
         }
-        showProgress(load, false);
+        showProgress(load->options, load->result.counts, false);
     }
 }
 
 void runLoad(korEx* ex, uint8_t depth, Load* load)
 {
-    load->firstAt = _korPerf_TimerNow();
-    load->lastAt = load->firstAt;
+    load->result.firstAt = _korPerf_TimerNow();
+    load->result.lastAt = load->result.firstAt;
     takeTurns(KOR_AT(ex, depth), load, stallTime, true);
-    showProgress(load, true);
-    if (!load->stalled) {
+    showProgress(load->options, load->result.counts, true);
+    if (!load->result.stalled) {
         takeTurns(KOR_AT(ex, depth), load, quietTime, false);
     }
 }
@@ -443,7 +265,7 @@ void openTables(korEx* ex, uint8_t depth, Load* load)
 {
     const Options& options = load->options;
     uint32_t fillerSize = options.size + fillerShifts;
-    openLatency(KOR_AT(ex, depth), &load->latency);
+    openLatency(KOR_AT(ex, depth), &load->result.latency);
     load->publishers = static_cast<Publisher*>(_kor_calloc(KOR_AT(ex, depth), options.publishers, sizeof(Publisher)));
     load->subscribers =
         static_cast<Subscriber*>(_kor_calloc(KOR_AT(ex, depth), options.subscribers, sizeof(Subscriber)));
@@ -477,87 +299,7 @@ void closeLoad(uint8_t depth, korEx* ex, Load* load)
     _kor_free(KOR_AT_D(depth, ex), load->subscribers);
     _kor_free(KOR_AT_D(depth, ex), load->payload);
     _kor_free(KOR_AT_D(depth, ex), load->filler);
-    closeLatency(KOR_AT_D(depth, ex), &load->latency);
-}
-
-// ---- The report -----------------------------------------------------------------------------------------------------
-
-uint64_t lost(const Load* load)
-{
-    return expectedInAll(load) - load->counts.received;
-}
-
-bool areGuaranteesKept(const Load* load)
-{
-    const Counts& counts = load->counts;
-    uint64_t unmarked = counts.duplicates - (load->options.qos > 0 ? counts.marked : 0);
-    bool isAcknowledged = load->options.qos == 0 || counts.acknowledged == publishedInAll(load);
-    return lost(load) == 0 && unmarked == 0 && counts.disorder == 0 && counts.damaged == 0 && isAcknowledged &&
-           !load->stalled;
-}
-
-void printCsv(const Load* load, double seconds, double rate)
-{
-    const Counts& counts = load->counts;
-    std::printf("%" PRIu64 ",%" PRIu64 ",%" PRIu64 ",%" PRIu64 ",%" PRIu64 ",%" PRIu64
-                ",%.6f,%.0f,%.0f,%.0f,%.0f,%.0f\n",
-                counts.published, counts.received, lost(load), counts.duplicates, counts.disorder, counts.damaged,
-                seconds, rate, latencyOf(&load->latency, 0.5), latencyOf(&load->latency, 0.99),
-                latencyOf(&load->latency, 0.999), longestLatency(&load->latency));
-}
-
-void printCounts(const Load* load)
-{
-    const Counts& counts = load->counts;
-    std::printf("published     %12" PRIu64 "\n", counts.published);
-    if (load->options.qos > 0) {
-        std::printf("acknowledged  %12" PRIu64 "\n", counts.acknowledged);
-    }
-    std::printf("received      %12" PRIu64 " of %" PRIu64 "\n", counts.received, expectedInAll(load));
-    std::printf("lost          %12" PRIu64 "\n", lost(load));
-    std::printf("duplicates    %12" PRIu64, counts.duplicates);
-    std::printf(counts.marked > 0 ? ", %" PRIu64 " marked as sent again\n" : "\n", counts.marked);
-    std::printf("out of order  %12" PRIu64 "\n", counts.disorder);
-    if (counts.damaged > 0) {
-        std::printf("damaged       %12" PRIu64 "\n", counts.damaged);
-    }
-}
-
-void printLatency(korEx* ex, uint8_t depth, const Load* load)
-{
-    const Latency* latency = &load->latency;
-    std::printf("latency in microseconds: median %.0f, 99%% %.0f, 99.9%% %.0f, longest %.0f\n\n",
-                latencyOf(latency, 0.5), latencyOf(latency, 0.99), latencyOf(latency, 0.999), longestLatency(latency));
-    drawLatency(KOR_AT(ex, depth), latency);
-}
-
-void printReport(korEx* ex, uint8_t depth, const Load* load)
-{
-    double seconds = static_cast<double>(load->lastAt - load->firstAt) * load->latency.secondsPerTick;
-    double rate = seconds > 0 ? static_cast<double>(load->counts.received) / seconds : 0;
-    if (load->options.csv) {
-        printCsv(load, seconds, rate);
-        return;
-    }
-    printCounts(load);
-    std::printf("rate          %12.0f messages received a second, in %.3f s\n", rate, seconds);
-    if (load->latency.samples > 0) {
-        printLatency(KOR_AT(ex, depth), load);
-    }
-    if (load->stalled) {
-        std::printf("\nNothing came for %" PRIu64 " seconds.\n", stallTime / 1000);
-    }
-    std::printf("\n%s\n", areGuaranteesKept(load) ? "Every guarantee was kept." : "A guarantee was BROKEN.");
-}
-
-void printSettings(const Options& options)
-{
-    if (!options.csv) {
-        std::printf("korload: %s:%s, %u to %u, %u messages each of %u bytes, QoS %u, %u topics%s, window %u\n",
-                    options.host, options.port, options.publishers, options.subscribers, options.messages, options.size,
-                    options.qos, options.topics, options.wildcard ? " by wildcard" : "", options.window);
-        std::fflush(stdout);
-    }
+    closeLatency(KOR_AT_D(depth, ex), &load->result.latency);
 }
 
 bool measure(korEx* ex, uint8_t depth, Load* load)
@@ -565,11 +307,11 @@ bool measure(korEx* ex, uint8_t depth, Load* load)
     printSettings(load->options);
     openLoad(KOR_AT(ex, depth), load);
     runLoad(KOR_AT(ex, depth), load);
-    bool isMeasured = load->firstAt != 0;
-    bool isKept = ex->code == 0 && areGuaranteesKept(load);
+    bool isMeasured = load->result.firstAt != 0;
+    bool isKept = ex->code == 0 && areGuaranteesKept(load->options, load->result);
     if (isMeasured) {
         KOR_EX_CHAINED(report, ex, depth); // what was counted until the server failed is told, too
-        printReport(KOR_AT(&report, depth), load);
+        printReport(KOR_AT(&report, depth), load->options, load->result);
     }
     closeLoad(KOR_AT_D(depth, ex), load);
     return isKept;

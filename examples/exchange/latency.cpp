@@ -73,7 +73,7 @@ double latencyOf(const Latency* latency, double share)
     for (uint32_t i = 0; i + 1 < bucketCount && wanted > 0; i++) {
         reached += latency->counts[i];
         if (reached >= wanted) {
-            return i + 1;
+            return std::fmin(i + 1, longestLatency(latency));
         }
     }
     return longestLatency(latency);
