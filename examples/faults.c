@@ -1,9 +1,8 @@
 /* A point that fails when a test asks for it: at every third check, twice; and the second try that makes up for it. */
-* /
 #include <korutil/korFailures.h>
 #include <korutil/korLib.h>
 
-    static void store(korEx* ex, uint8_t depth, int number)
+static void store(korEx* ex, uint8_t depth, int number)
 {
     if (fmInitialized != 0 && _korFailures_Check(KOR_AT(ex, depth), "store.write")) {
         KOR_RAISE_F(ex, depth, KOR_ERROR_FILE_IO, "write %d failed", number);
