@@ -15,7 +15,7 @@
 namespace {
 
 constexpr int64_t connectTime = 10'000; // milliseconds from the acceptance to the CONNECT
-constexpr uint32_t partSize = 4096;
+constexpr int32_t partSize = 4096;      // what has come of a packet beyond this makes it a long one
 constexpr int32_t acceptedAtOnce = 64;
 
 /// How the systems tell that a socket has nothing to give, or takes nothing, for now: EAGAIN and WSAEWOULDBLOCK.
@@ -151,43 +151,70 @@ uint32_t receiveInto(korEx* ex, uint8_t depth, Connection* connection, korBuffer
     return static_cast<uint32_t>(size);
 }
 
+uint32_t sizeOf(const korBuffer* buffer)
+{
+    return static_cast<uint32_t>(buffer->position - buffer->data);
+}
+
+void dropPart(uint8_t depth, korEx* ex, Connection* connection)
+{
+    _korBuffer_ReleaseToCache(KOR_AT_D(depth, ex), connection->input, nullptr);
+    connection->input = nullptr;
+}
+
 // Keeps the beginning of a packet until more of it comes.
 void keepPart(korEx* ex, uint8_t depth, Connection* connection, const uint8_t* bytes, uint32_t size)
 {
-    int32_t capacity = static_cast<int32_t>(size + partSize);
-    connection->input = _korBuffer_CreateFromCacheOrPool(KOR_AT(ex, depth), nullptr, nullptr, capacity);
-    if (connection->input != nullptr) {
+    if (connection->input == nullptr) {
+        connection->input = _korBuffer_CreateFromCacheOrPool(KOR_AT(ex, depth), nullptr, nullptr, partSize);
+    }
+    if (ex->code != 0) {
+        return;
+    }
+    connection->input->position = connection->input->data;
+    if (mqtt::reserve(KOR_AT(ex, depth), connection->input, size)) {
         std::memcpy(connection->input->data, bytes, size);
         connection->input->position += size;
     }
 }
 
-void receiveFresh(korEx* ex, uint8_t depth, Connection* connection)
+// Into the area that all share, behind the short beginning of a packet that may have been kept.
+void receiveShared(korEx* ex, uint8_t depth, Connection* connection)
 {
     korBuffer* input = connection->exchange->input;
     input->position = input->data;
-    uint32_t size = receiveInto(KOR_AT(ex, depth), connection, input);
+    if (connection->input != nullptr) {
+        std::memcpy(input->data, connection->input->data, sizeOf(connection->input));
+        input->position += sizeOf(connection->input);
+    }
+    if (receiveInto(KOR_AT(ex, depth), connection, input) == 0) {
+        return;
+    }
+    uint32_t size = sizeOf(input);
     uint32_t done = handlePackets(KOR_AT(ex, depth), connection, input->data, size);
-    if (ex->code == 0 && done < size && !connection->doomed) {
+    if (done == size) {
+        dropPart(KOR_AT_D(depth, ex), connection);
+    } else if (ex->code == 0 && !connection->doomed) {
         keepPart(KOR_AT(ex, depth), connection, input->data + done, size - done);
     }
 }
 
-// The buffer doubles with what has really come, not with what a header announces.
-void receiveFurther(korEx* ex, uint8_t depth, Connection* connection)
+// Into the connection's own buffer, which holds the better part of a long packet. It doubles with what has really come,
+// not with what the header announces.
+void receiveLong(korEx* ex, uint8_t depth, Connection* connection)
 {
     korBuffer* input = connection->input;
     if (!mqtt::reserve(KOR_AT(ex, depth), input, partSize) || receiveInto(KOR_AT(ex, depth), connection, input) == 0) {
         return;
     }
-    auto size = static_cast<uint32_t>(input->position - input->data);
+    uint32_t size = sizeOf(input);
     uint32_t done = handlePackets(KOR_AT(ex, depth), connection, input->data, size);
-    if (done == size) {
+    if (done > 0) {
+        connection->input = nullptr; // the rest is of another packet
+        if (done < size && ex->code == 0 && !connection->doomed) {
+            keepPart(KOR_AT(ex, depth), connection, input->data + done, size - done);
+        }
         _korBuffer_ReleaseToCache(KOR_AT_D(depth, ex), input, nullptr);
-        connection->input = nullptr;
-    } else if (done > 0) {
-        std::memmove(input->data, input->data + done, size - done);
-        input->position -= done;
     }
 }
 
@@ -265,17 +292,17 @@ void publishWill(korEx* ex, uint8_t depth, Connection* connection)
     }
 }
 
-void stopWaiting(uint8_t depth, korEx* ex, Connection* connection)
+// False if memory was lacking: the poller then still knows the record, which must stay for good.
+bool stopWaiting(uint8_t depth, korEx* ex, Connection* connection)
 {
     KOR_EX_PRIVATE(own, ex, depth);
     Exchange* exchange = connection->exchange;
     _korPoller_RemoveEvent(KOR_AT_D(depth, &own), exchange->poller, &connection->reading);
     _korPoller_RemoveEvent(KOR_AT_D(depth, &own), exchange->poller, &connection->writing);
-    own.code = 0;
+    bool stopped = own.code == 0;
     _korPoller_ProcessRemoveEvents(KOR_AT(&own, depth), exchange->poller, 1);
-    if (connection->keepAliveTask != 0) {
-        _korTimer_CancelTask(KOR_AT_D(depth, &own), exchange->timer, connection->keepAliveTask);
-    }
+    _korTimer_CancelTask(KOR_AT_D(depth, &own), exchange->timer, connection->keepAliveTask);
+    return stopped;
 }
 
 } // namespace
@@ -301,10 +328,10 @@ void acceptConnections(korEx* ex, uint8_t depth, Exchange* exchange)
 void receive(korEx* ex, uint8_t depth, Connection* connection)
 {
     KOR_EX_PRIVATE(own, ex, depth);
-    if (connection->input == nullptr) {
-        receiveFresh(KOR_AT(&own, depth), connection);
+    if (connection->input == nullptr || sizeOf(connection->input) <= static_cast<uint32_t>(partSize)) {
+        receiveShared(KOR_AT(&own, depth), connection);
     } else {
-        receiveFurther(KOR_AT(&own, depth), connection);
+        receiveLong(KOR_AT(&own, depth), connection);
     }
     if (own.code != 0) {
         doom(connection, KOR_LOG_WARN, "what it sent cannot be served", &own);
@@ -356,7 +383,7 @@ void doom(Connection* connection, int32_t level, const char* reason, const korEx
 void bury(korEx* ex, uint8_t depth, Connection* connection)
 {
     Exchange* exchange = connection->exchange;
-    stopWaiting(KOR_AT_D(depth, ex), connection);
+    bool stopped = stopWaiting(KOR_AT_D(depth, ex), connection);
     if (connection->will != nullptr && !exchange->stopping) {
         publishWill(KOR_AT(ex, depth), connection);
     }
@@ -370,7 +397,9 @@ void bury(korEx* ex, uint8_t depth, Connection* connection)
     exchange->closed++;
     KOR_EX_PRIVATE(own, ex, depth);
     _korObjectMap_Unregister(KOR_AT(&own, depth), connection->id);
-    releaseConnection(KOR_AT_D(depth, ex), connection);
+    if (stopped) {
+        releaseConnection(KOR_AT_D(depth, ex), connection);
+    }
 }
 
 void setKeepAlive(korEx* ex, uint8_t depth, Connection* connection, int64_t milliseconds)
