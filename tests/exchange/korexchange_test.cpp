@@ -357,6 +357,46 @@ TEST_F(ExchangeTest, SentAgainUntilAcknowledged)
     EXPECT_EQ(receiver.next(), publishPacket("t", "last", 3, duplicate));
 }
 
+// There are 65535 packet ids, of which half may wait at a time.
+TEST_F(ExchangeTest, PacketIdsRunOutAndAround)
+{
+    constexpr unsigned most = 32768;
+    start({"--retry", "600"});
+    Client publisher = connect("publisher");
+    Client receiver = connect("receiver");
+    receiver.subscribe("t", 1);
+    auto publishMany = [&](unsigned count) {
+        std::string packets;
+        for (unsigned i = 1; i <= count; i++) {
+            packets += publishPacket("t", "", i);
+        }
+        publisher.send(packets);
+        for (unsigned i = 1; i <= count; i++) {
+            ASSERT_EQ(publisher.next(), pubackPacket(i));
+        }
+    };
+    publishMany(most + 2);
+    for (unsigned id = 1; id <= most; id++) {
+        ASSERT_EQ(receiver.next(), publishPacket("t", "", id));
+    }
+    receiver.settle(); // two wait
+    EXPECT_EQ(receiver.ask(pubackPacket(7)), publishPacket("t", "", most + 1));
+    EXPECT_EQ(receiver.ask(pubackPacket(8)), publishPacket("t", "", most + 2));
+    for (unsigned id = 1; id < most; id++) {
+        receiver.send(id == 3 ? "" : pubackPacket(id)); // 3 stays in use
+    }
+    receiver.settle();
+    publishMany(most - 3);
+    for (unsigned id = most + 3; id < 65536; id++) {
+        ASSERT_EQ(receiver.next(), publishPacket("t", "", id));
+        receiver.send(pubackPacket(id));
+    }
+    publishMany(3);
+    for (unsigned id : {1u, 2u, 4u}) {
+        EXPECT_EQ(receiver.next(), publishPacket("t", "", id));
+    }
+}
+
 // ---- Streams --------------------------------------------------------------------------------------------------------
 
 TEST_F(ExchangeTest, LargeMessages)
@@ -625,7 +665,7 @@ TEST_F(ExchangeTest, ThousandsOfMutatedPackets)
     one.subscribe("healthy/1", 1);
     two.subscribe("healthy/2", 1);
     Random random;
-    for (unsigned round = 0; round < 250; round++) {
+    for (unsigned round = 0; round < 500; round++) {
         Client bad(port);
         bad.send(random.chance(90) ? connectPacket(random.chance(50) ? "m" : "") : mutated(random, seeds));
         for (int i = 0; i < 20 && bad.send(mutated(random, seeds)); i++) {
@@ -633,13 +673,13 @@ TEST_F(ExchangeTest, ThousandsOfMutatedPackets)
         if (random.chance(50)) {
             bad.close(); // or else: the next one may come while this one goes
         }
-        if (round % 50 == 0) {
+        if (round % 100 == 0) {
             publish(one, "healthy/2", "there");
-            EXPECT_EQ(two.next(), publishPacket("healthy/2", "there", 1 + round / 50));
-            two.send(pubackPacket(1 + round / 50));
+            EXPECT_EQ(two.next(), publishPacket("healthy/2", "there", 1 + round / 100));
+            two.send(pubackPacket(1 + round / 100));
             publish(two, "healthy/1", "back");
-            EXPECT_EQ(one.next(), publishPacket("healthy/1", "back", 1 + round / 50));
-            one.send(pubackPacket(1 + round / 50));
+            EXPECT_EQ(one.next(), publishPacket("healthy/1", "back", 1 + round / 100));
+            one.send(pubackPacket(1 + round / 100));
         }
     }
     one.settle();
