@@ -104,6 +104,7 @@ void connectWithin(korEx* ex, uint8_t depth, korSocket socket, const addrinfo* r
     _korSocket_Connect(KOR_AT(ex, depth), socket, record->ai_addr, static_cast<int32_t>(record->ai_addrlen));
     if (ex->code != 0 && ex->osError == platform::errorConnectPending) {
         korEx_Clear(ex);
+        ex->osError = 0; // a failure that comes later, and is not the system's, must not show this number
         awaitConnect(KOR_AT(ex, depth), socket, timeout);
     }
     _korSocket_SetBlocking(KOR_AT(ex, depth), socket, 1);

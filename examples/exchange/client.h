@@ -15,10 +15,10 @@
 //     mqtt::closeClient(KOR_AT_D(depth, ex), &client);
 //     mqtt::closeLoop(KOR_AT_D(depth, ex), &loop);
 //
-// A client stays where it is from its opening to its closing, and is not closed by what a turn calls: events of that
-// turn may still name it. A connection that breaks, or whose server breaks a rule of the standard, ends the turn with
-// an exception: code 7 "server has closed the connection", 6 of the socket, 12 and 16 of the packet; `failed` of the
-// loop is its client.
+// A client stays where it is from its opening to its closing. What a turn calls may publish, but takes no turn itself,
+// since the area is in use, and closes no client, since events of that turn may still name it. A connection that
+// breaks, or whose server breaks a rule of the standard, ends the turn with an exception: code 7 "server has closed the
+// connection", 6 of the socket, 12 and 16 of the packet; `failed` of the loop is its client.
 
 #ifndef EXCHANGE_CLIENT_H
 #define EXCHANGE_CLIENT_H

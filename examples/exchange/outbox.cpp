@@ -12,7 +12,7 @@ namespace {
 constexpr uint32_t stagedSize = 64 * 1024;
 constexpr int32_t answersSize = 256;
 
-void append(DeliveryList* list, Delivery* delivery)
+void appendTo(DeliveryList* list, Delivery* delivery)
 {
     delivery->next = nullptr;
     delivery->previous = list->last;
@@ -20,20 +20,40 @@ void append(DeliveryList* list, Delivery* delivery)
     list->last = delivery;
 }
 
-void unlink(DeliveryList* list, Delivery* delivery)
+void removeFrom(DeliveryList* list, Delivery* delivery)
 {
     (delivery->previous != nullptr ? delivery->previous->next : list->first) = delivery->next;
     (delivery->next != nullptr ? delivery->next->previous : list->last) = delivery->previous;
 }
 
-DeliveryList* listOf(Outbox* outbox, const Delivery* delivery)
+// The two ways into the lists, and the one out of them.
+
+void addToQueue(Outbox* outbox, Delivery* delivery)
 {
-    return delivery->unacknowledged ? &outbox->unacknowledged : &outbox->queue;
+    delivery->unacknowledged = false;
+    appendTo(&outbox->queue, delivery);
+    outbox->queuedBytes += weightOf(delivery->packet);
+}
+
+void addToUnacknowledged(Outbox* outbox, Delivery* delivery)
+{
+    delivery->unacknowledged = true;
+    appendTo(&outbox->unacknowledged, delivery);
+}
+
+void takeOut(Outbox* outbox, Delivery* delivery)
+{
+    if (delivery->unacknowledged) {
+        removeFrom(&outbox->unacknowledged, delivery);
+    } else {
+        removeFrom(&outbox->queue, delivery);
+        outbox->queuedBytes -= weightOf(delivery->packet);
+    }
 }
 
 void endDelivery(uint8_t depth, korEx* ex, OutboxPools* pools, Outbox* outbox, Delivery* delivery)
 {
-    unlink(listOf(outbox, delivery), delivery);
+    takeOut(outbox, delivery);
     outbox->bytes -= weightOf(delivery->packet);
     _korBuffer_ReleaseToCache(KOR_AT_D(depth, ex), delivery->packet, nullptr);
     _korPool_Return(KOR_AT_D(depth, ex), pools->deliveries, delivery);
@@ -95,10 +115,9 @@ void stageDelivery(korEx* ex, uint8_t depth, OutboxPools* pools, Outbox* outbox,
         endDelivery(KOR_AT_D(depth, ex), pools, outbox, delivery);
         return;
     }
-    unlink(&outbox->queue, delivery);
-    delivery->unacknowledged = true;
+    takeOut(outbox, delivery);
     delivery->sentAt = now;
-    append(&outbox->unacknowledged, delivery);
+    addToUnacknowledged(outbox, delivery);
 }
 
 void stageAnswers(korEx* ex, uint8_t depth, Outbox* outbox, korBuffer* staging)
@@ -154,8 +173,8 @@ void enqueue(korEx* ex, uint8_t depth, OutboxPools* pools, Outbox* outbox, korBu
     }
     KOR_ATOMIC_ADD(&packet->refCount, 1);
     *delivery = {nullptr, nullptr, packet, 0, idOffset, 0, flags, false};
-    append(&outbox->queue, delivery);
     outbox->bytes += weightOf(packet);
+    addToQueue(outbox, delivery);
 }
 
 bool hasOutput(const Outbox* outbox)
@@ -214,10 +233,9 @@ uint32_t resend(Outbox* outbox, int64_t before)
     uint32_t count = 0;
     Delivery* delivery = outbox->unacknowledged.first;
     while (delivery != nullptr && delivery->sentAt < before) {
-        unlink(&outbox->unacknowledged, delivery);
-        delivery->unacknowledged = false;
+        takeOut(outbox, delivery);
         delivery->flags = static_cast<uint8_t>(delivery->flags | mqtt::duplicateBit);
-        append(&outbox->queue, delivery);
+        addToQueue(outbox, delivery);
         delivery = outbox->unacknowledged.first;
         count++;
     }

@@ -38,6 +38,7 @@ struct Outbox {
     DeliveryList unacknowledged; ///< sent with QoS 1, the oldest first
     korI64Hash* ids;             ///< packet id to delivery, of all that were sent with QoS 1; NULL until the first one
     uint64_t bytes;              ///< memory that the deliveries hold, sharing left aside
+    uint64_t queuedBytes;        ///< the same of those in the queue
     uint16_t lastId;
 };
 

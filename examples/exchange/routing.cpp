@@ -98,7 +98,7 @@ bool hasRoom(korEx* ex, uint8_t depth, Connection* connection, uint64_t weight, 
 {
     const Settings& settings = connection->exchange->settings;
     Outbox* outbox = &connection->outbox;
-    if (outbox->bytes + weight > eagerBytes && !connection->isWriteWaiting) {
+    if (outbox->queuedBytes + weight > eagerBytes && !connection->isWriteWaiting) {
         flush(KOR_AT(ex, depth), connection);
     }
     if (outbox->bytes + weight <= settings.queueBound) {
