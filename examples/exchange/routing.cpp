@@ -1,9 +1,9 @@
 // routing.cpp - who gets which message. Filters are kept in one topic index and retained messages in another; a message
 // asks the first which filters match it, a new filter asks the second which messages it matches.
 //
-// The index has a rule of its own where the standard has another: its "a/#" does not take "a". So such a filter is
-// stored at "a" as well. And it knows nothing of topics that begin with '$', which a leading wildcard must not take:
-// that is tested on what it gives.
+// The index has a rule of its own where the standard has another: a stored "a/#" is not found by "a" (asking for "a/#"
+// finds a stored "a" all the same). So such a filter is stored at "a" as well. And it knows nothing of topics that
+// begin with '$', which a leading wildcard must not take: that is tested on what it gives.
 
 #include "exchange.h"
 
@@ -205,17 +205,6 @@ void deliverKept(korEx* ex, uint8_t depth, Connection* connection, korBuffer* pa
     releasePackets(KOR_AT_D(depth, ex), &message);
 }
 
-// Delivers what matches the exchange's text, which is the filter or the parent that it was cut to.
-void deliverMatching(korEx* ex, uint8_t depth, Connection* connection, mqtt::Bytes filter, uint8_t qos)
-{
-    Exchange* exchange = connection->exchange;
-    const korDpa* found = _korTopicList_Get(KOR_AT(ex, depth), exchange->retained, exchange->topic);
-    for (int32_t i = 0; found != nullptr && i < found->count; i++) {
-        auto* packet = reinterpret_cast<korBuffer*>(found->items[i]);
-        deliverKept(KOR_AT(ex, depth), connection, packet, hasLeadingWildcard(filter), qos);
-    }
-}
-
 Subscription* subscriptionAt(korEx* ex, uint8_t depth, Connection* connection, const char* filter)
 {
     return reinterpret_cast<Subscription*>(_korStrHash_Get(KOR_AT(ex, depth), connection->subscriptions, filter));
@@ -314,10 +303,10 @@ uint8_t subscribe(korEx* ex, uint8_t depth, Connection* connection, mqtt::Bytes 
 void deliverRetained(korEx* ex, uint8_t depth, Connection* connection, mqtt::Bytes filter, uint8_t qos)
 {
     Exchange* exchange = connection->exchange;
-    terminated(exchange, filter);
-    deliverMatching(KOR_AT(ex, depth), connection, filter, qos);
-    if (cutToParent(exchange, filter)) {
-        deliverMatching(KOR_AT(ex, depth), connection, filter, qos);
+    const korDpa* found = _korTopicList_Get(KOR_AT(ex, depth), exchange->retained, terminated(exchange, filter));
+    for (int32_t i = 0; found != nullptr && i < found->count; i++) {
+        auto* packet = reinterpret_cast<korBuffer*>(found->items[i]);
+        deliverKept(KOR_AT(ex, depth), connection, packet, hasLeadingWildcard(filter), qos);
     }
 }
 
