@@ -7,7 +7,6 @@
 #include <korutil/korTime.h>
 
 #include <cstring>
-#include <initializer_list>
 
 namespace mqtt {
 namespace {
@@ -53,26 +52,27 @@ uint16_t nextPacketId(Client* client)
 
 // ---- Events ---------------------------------------------------------------------------------------------------------
 
-korPollerEvent* watch(korEx* ex, uint8_t depth, Client* client, uint32_t mask)
+// The client's event is not with the poller at the time of the call.
+void watch(korEx* ex, uint8_t depth, Client* client, uint32_t mask)
 {
-    return _korPollerEvent_CreateNetwork(KOR_AT(ex, depth), client, nullptr, mask, client->socket);
+    _korPollerEvent_InitNetwork(KOR_AT(ex, depth), &client->event, client, nullptr, mask, client->socket);
+    _korPoller_AddEvent(KOR_AT(ex, depth), client->loop->poller, &client->event);
 }
 
-// The poller lets go of the event before the return: its record may be freed, or added again.
-void unwatch(uint8_t depth, korEx* ex, Client* client, korPollerEvent* event)
+// The poller lets go of the event before the return: its record may be filled anew, and added again.
+void unwatch(uint8_t depth, korEx* ex, Client* client)
 {
     KOR_EX_PRIVATE(removal, ex, depth);
-    _korPoller_RemoveEvent(KOR_AT_D(depth, &removal), client->loop->poller, event);
+    _korPoller_RemoveEvent(KOR_AT_D(depth, &removal), client->loop->poller, &client->event);
     _korPoller_ProcessRemoveEvents(KOR_AT(&removal, depth), client->loop->poller, 1);
 }
 
 void watchWritable(korEx* ex, uint8_t depth, Client* client, bool wanted)
 {
-    bool active = _korPoller_IsActiveEvent(KOR_AT(ex, depth), client->writable);
-    if (wanted && !active) {
-        _korPoller_AddEvent(KOR_AT(ex, depth), client->loop->poller, client->writable);
-    } else if (!wanted && active) {
-        unwatch(KOR_AT_D(depth, ex), client, client->writable);
+    if (client->isWriteWaiting != wanted) {
+        client->isWriteWaiting = wanted;
+        unwatch(KOR_AT_D(depth, ex), client);
+        watch(KOR_AT(ex, depth), client, wanted ? KOR_POLL_READ | KOR_POLL_WRITE : KOR_POLL_READ);
     }
 }
 
@@ -169,11 +169,10 @@ void receive(korEx* ex, uint8_t depth, Client* client)
 void serveEvent(korEx* ex, uint8_t depth, Loop* loop, const korPollerEvent* event)
 {
     auto* client = static_cast<Client*>(_korPollerEvent_GetContext(KOR_AT(ex, depth), event));
-    if (event == client->writable) {
+    if (client->isWriteWaiting) {
         flush(KOR_AT(ex, depth), client);
-    } else {
-        receive(KOR_AT(ex, depth), client);
     }
+    receive(KOR_AT(ex, depth), client);
     if (ex->code != 0) {
         loop->failed = client;
     }
@@ -219,7 +218,7 @@ void sayGoodbye(uint8_t depth, korEx* ex, Client* client)
 
 bool isOpen(const Client* client)
 {
-    return client->readable != nullptr && client->writable != nullptr && client->output != nullptr;
+    return client->socket != _korSocketInvalid && client->output != nullptr;
 }
 
 } // namespace
@@ -263,9 +262,7 @@ void openClient(korEx* ex, uint8_t depth, Client* client, Loop* loop, const char
     _korSocket_SetBlocking(KOR_AT(ex, depth), client->socket, 0);
     client->output = _korBuffer_CreateWithData(KOR_AT(ex, depth), nullptr, bufferSize);
     client->rest = _korBuffer_CreateWithData(KOR_AT(ex, depth), nullptr, bufferSize);
-    client->writable = watch(KOR_AT(ex, depth), client, KOR_POLL_WRITE);
-    client->readable = watch(KOR_AT(ex, depth), client, KOR_POLL_READ);
-    _korPoller_AddEvent(KOR_AT(ex, depth), loop->poller, client->readable);
+    watch(KOR_AT(ex, depth), client, KOR_POLL_READ);
     greet(KOR_AT(ex, depth), client, clientId);
 }
 
@@ -337,10 +334,7 @@ void dropClient(uint8_t depth, korEx* ex, Client* client)
     if (client->loop == nullptr) {
         return;
     }
-    for (korPollerEvent* event : {client->readable, client->writable}) {
-        unwatch(KOR_AT_D(depth, ex), client, event);
-        _korPollerEvent_Release(KOR_AT_D(depth, ex), event);
-    }
+    unwatch(KOR_AT_D(depth, ex), client);
     _korBuffer_ReleaseToCache(KOR_AT_D(depth, ex), client->output, nullptr);
     _korBuffer_ReleaseToCache(KOR_AT_D(depth, ex), client->rest, nullptr);
     _korSocket_ForceClose(KOR_AT_D(depth, ex), client->socket);

@@ -57,9 +57,9 @@ struct Client {
 
     Loop* loop;
     korSocket socket;
-    korPollerEvent* readable; ///< stands as long as the connection
-    korPollerEvent* writable; ///< active only while a send would block
-    korBuffer* output;        ///< queued up to `position`, sent up to `sent`
+    korPollerEvent event; ///< something to receive and, while `isWriteWaiting`, room to send
+    bool isWriteWaiting;
+    korBuffer* output; ///< queued up to `position`, sent up to `sent`
     uint32_t sent;
     korBuffer* rest;       ///< the bytes of a packet that has not come in whole, up to `position`
     uint16_t lastPacketId; ///< the last one that was given out

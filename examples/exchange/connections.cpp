@@ -91,6 +91,13 @@ void delist(Connection* connection)
     }
 }
 
+// The connection's event is not with the poller at the time of the call.
+void waitFor(korEx* ex, uint8_t depth, Connection* connection, uint32_t mask)
+{
+    _korPollerEvent_InitNetwork(KOR_AT(ex, depth), &connection->event, connection, nullptr, mask, connection->socket);
+    _korPoller_AddEvent(KOR_AT(ex, depth), connection->exchange->poller, &connection->event);
+}
+
 // The socket belongs to the connection from here on; a failure dooms it.
 void welcome(korEx* ex, uint8_t depth, Exchange* exchange, korSocket socket)
 {
@@ -105,9 +112,7 @@ void welcome(korEx* ex, uint8_t depth, Exchange* exchange, korSocket socket)
     enlist(connection);
     KOR_EX_PRIVATE(own, ex, depth);
     _korSocket_SetBlocking(KOR_AT(&own, depth), socket, 0);
-    _korPollerEvent_InitNetwork(KOR_AT(&own, depth), &connection->reading, connection, nullptr, KOR_POLL_READ, socket);
-    _korPollerEvent_InitNetwork(KOR_AT(&own, depth), &connection->writing, connection, nullptr, KOR_POLL_WRITE, socket);
-    _korPoller_AddEvent(KOR_AT(&own, depth), exchange->poller, &connection->reading);
+    waitFor(KOR_AT(&own, depth), connection, KOR_POLL_READ);
     setKeepAlive(KOR_AT(&own, depth), connection, connectTime);
     CLIENT_LOG(connection, KOR_LOG_VERBOSE, "accepted");
     if (own.code != 0) {
@@ -266,6 +271,7 @@ bool sendStaged(korEx* ex, uint8_t depth, Connection* connection)
     return sent == size;
 }
 
+// Has the poller tell, or no longer tell, when the socket takes bytes again.
 void waitForWriting(korEx* ex, uint8_t depth, Connection* connection, bool isWaiting)
 {
     if (connection->isWriteWaiting == isWaiting || connection->doomed) {
@@ -273,12 +279,9 @@ void waitForWriting(korEx* ex, uint8_t depth, Connection* connection, bool isWai
     }
     korPoller* poller = connection->exchange->poller;
     connection->isWriteWaiting = isWaiting;
-    if (isWaiting) {
-        _korPoller_AddEvent(KOR_AT(ex, depth), poller, &connection->writing);
-    } else {
-        _korPoller_RemoveEvent(KOR_AT_D(depth, ex), poller, &connection->writing);
-        _korPoller_ProcessRemoveEvents(KOR_AT(ex, depth), poller, 1); // it may be added again before the next wait
-    }
+    _korPoller_RemoveEvent(KOR_AT_D(depth, ex), poller, &connection->event);
+    _korPoller_ProcessRemoveEvents(KOR_AT(ex, depth), poller, 1); // this thread is the waiter: it is out at once
+    waitFor(KOR_AT(ex, depth), connection, isWaiting ? KOR_POLL_READ | KOR_POLL_WRITE : KOR_POLL_READ);
 }
 
 // ---- Ending ---------------------------------------------------------------------------------------------------------
@@ -297,8 +300,7 @@ bool stopWaiting(uint8_t depth, korEx* ex, Connection* connection)
 {
     KOR_EX_PRIVATE(own, ex, depth);
     Exchange* exchange = connection->exchange;
-    _korPoller_RemoveEvent(KOR_AT_D(depth, &own), exchange->poller, &connection->reading);
-    _korPoller_RemoveEvent(KOR_AT_D(depth, &own), exchange->poller, &connection->writing);
+    _korPoller_RemoveEvent(KOR_AT_D(depth, &own), exchange->poller, &connection->event);
     bool stopped = own.code == 0;
     _korPoller_ProcessRemoveEvents(KOR_AT(&own, depth), exchange->poller, 1);
     _korTimer_CancelTask(KOR_AT_D(depth, &own), exchange->timer, connection->keepAliveTask);

@@ -74,8 +74,7 @@ struct Subscription {
 struct Connection {
     Exchange* exchange;
     korSocket socket;
-    korPollerEvent reading; ///< always waited for
-    korPollerEvent writing; ///< waited for while the socket takes no more
+    korPollerEvent event;   ///< something to receive and, while `isWriteWaiting`, room to send
     uint64_t id;            ///< in the object map; what the keep-alive task knows of the connection
     uint64_t keepAliveTask; ///< 0 = none
     int64_t keepAlive;      ///< atomic: milliseconds of silence that are allowed

@@ -67,11 +67,10 @@ void serve(korEx* ex, uint8_t depth, Exchange* exchange, const korPollerEvent* e
     auto* connection = static_cast<Connection*>(_korPollerEvent_GetContext(KOR_AT(ex, depth), event));
     if (connection == nullptr) {
         acceptConnections(KOR_AT(ex, depth), exchange);
-    } else if (connection->doomed) {
-        return;
-    } else if (event == &connection->writing) {
-        markDirty(connection);
-    } else {
+    } else if (!connection->doomed) {
+        if (connection->isWriteWaiting) {
+            markDirty(connection); // it may take bytes again; trying does no harm
+        }
         receive(KOR_AT(ex, depth), connection);
     }
 }
@@ -103,7 +102,9 @@ void turn(korEx* ex, uint8_t depth, Exchange* exchange)
     int64_t start = _korPerf_TimerNow();
     exchange->now = nowOf(exchange);
     for (int32_t i = 0; i < count; i++) {
-        serve(KOR_AT(ex, depth), exchange, ready[i]);
+        if (i == 0 || ready[i] != ready[i - 1]) { // told of more than one thing, an event stands there more than once
+            serve(KOR_AT(ex, depth), exchange, ready[i]);
+        }
     }
     handleRequests(KOR_AT(ex, depth), exchange);
     settle(KOR_AT(ex, depth), exchange);

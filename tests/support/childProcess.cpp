@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <filesystem>
 #include <random>
 #include <vector>
@@ -29,6 +30,17 @@ struct ProcessHandles {
 };
 
 namespace {
+
+// A fault ends the process with its code. The system's debugger, which would come otherwise, opens a desktop of its
+// own; that inherits the output's pipe and keeps it open long after the process has gone.
+LONG WINAPI endAtOnce(EXCEPTION_POINTERS* fault)
+{
+    std::fprintf(stderr, "fault %08lx\n", fault->ExceptionRecord->ExceptionCode);
+    TerminateProcess(GetCurrentProcess(), fault->ExceptionRecord->ExceptionCode);
+    return EXCEPTION_EXECUTE_HANDLER;
+}
+
+[[maybe_unused]] const auto formerFilter = SetUnhandledExceptionFilter(endAtOnce);
 
 // This process's environment with the child's variables behind it, in the system's form: texts one behind the other.
 std::string environmentBlock(const std::map<std::string, std::string>& added)
