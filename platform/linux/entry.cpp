@@ -1,7 +1,9 @@
-// entry.cpp (Linux) - a key of the C library for the end of threads, a destructor function for the unloading.
+// entry.cpp (Linux) - a key of the C library for the end of threads, a destructor function for the unloading, and a
+// handler of atexit that tells it from the end of the process.
 
 #include "platform/entry.h"
 
+#include <atomic>
 #include <cstdint>
 #include <pthread.h>
 
@@ -33,17 +35,10 @@ void endOfProcess(void*)
     processEnds = true;
 }
 
-[[gnu::constructor]] void loaded()
-{
-    if (__cxa_atexit(endOfProcess, nullptr, &__dso_handle) != 0) {
-        processEnds = true; // then every unloading passes for the end of the process: something leaks, nothing breaks
-    }
-}
-
 // Runs at the end of the process and when the module is unloaded, and only in the second case may anything be freed,
 // since other threads run on while a process ends. The order tells the two apart: at the end of the process the
-// handlers of atexit come before all destructor functions; at an unloading the C library's own destructor function,
-// the module's last one, runs the module's handlers.
+// handlers of atexit that were registered after the start come before all destructor functions; at an unloading the C
+// library's own destructor function, the module's last one, runs the module's handlers.
 [[gnu::destructor]] void unloaded()
 {
     if (watching) {
@@ -56,8 +51,21 @@ void endOfProcess(void*)
 
 } // namespace
 
+void watchEnd()
+{
+    // At the start of a program the loader runs the constructors of its libraries before it registers, as a handler,
+    // what calls their destructor functions: a handler of that time would come too late. So it is not registered at the
+    // loading, and not once: one of the first uses may be such a constructor's.
+    constexpr int enough = 8;
+    static std::atomic<int> registered = 0;
+    if (registered.fetch_add(1) < enough && __cxa_atexit(endOfProcess, nullptr, &__dso_handle) != 0) {
+        processEnds = true; // then every unloading passes for the end of the process: something leaks, nothing breaks
+    }
+}
+
 bool watchThreads()
 {
+    watchEnd();
     watching = pthread_key_create(&endKey, endOfThread) == 0;
     return watching;
 }

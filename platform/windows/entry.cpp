@@ -22,6 +22,8 @@ BOOL WINAPI DllMain(HINSTANCE, DWORD reason, LPVOID reserved)
 
 namespace kor::platform {
 
+void watchEnd() {} // the entry point is told
+
 bool watchThreads()
 {
     return true;

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstdlib>
 #include <thread>
 #include <vector>
 
@@ -326,4 +327,33 @@ TEST_F(KorThreadLocal, AHostsThreadsEndWithTheirDestructorsAllTheSame)
 {
     ChildProcess child("KorThreadLocal.DISABLED_ChildOfAHostThatEndsItsThreads");
     EXPECT_EQ(child.wait(), 0) << child.output();
+}
+
+// Nobody joins the threads: they are in the middle of the library when the process ends.
+TEST_F(KorThreadLocal, DISABLED_ChildThatEndsWhileItsThreadsRun)
+{
+    std::atomic<int> running = 0;
+    for (int worker = 0; worker < 2; worker++) {
+        std::thread([&running] {
+            KOR_EX_LOCAL(own);
+            for (uint64_t value = 1;; value++) {
+                int32_t key = _korThreadLocal_Create(&own, 0, [](uint64_t) {});
+                _korThreadLocal_Set(&own, 0, key, value);
+                _korThreadLocal_Destroy(0, &own, key);
+                running += value == 1000;
+            }
+        }).detach();
+    }
+    while (running < 2) {
+        std::this_thread::yield();
+    }
+    std::exit(17);
+}
+
+TEST_F(KorThreadLocal, AProcessThatEndsTakesNothingFromItsThreads)
+{
+    for (int round = 0; round < 10; round++) {
+        ChildProcess child("KorThreadLocal.DISABLED_ChildThatEndsWhileItsThreadsRun");
+        EXPECT_EQ(child.wait(), 17) << child.output();
+    }
 }
