@@ -35,6 +35,7 @@ struct Settings {
     const char* traced;    ///< client id whose statements are all shown, or NULL
     int64_t statsInterval; ///< milliseconds; 0 = no reports
     int64_t retryInterval; ///< milliseconds until a packet with QoS 1 is sent again
+    int64_t spinTime;      ///< microseconds to look for events before sleeping
     uint32_t packetLimit;  ///< bytes of the largest packet that is taken
     uint64_t queueBound;   ///< bytes of an outbox from which on QoS 0 is dropped
     uint64_t queueLimit;   ///< bytes of an outbox from which on the client is disconnected
@@ -140,7 +141,8 @@ struct Exchange {
     Request stop;
     bool stopping;
     double secondsPerTick;
-    int64_t now; ///< milliseconds; of this turn
+    int64_t spinTicks; ///< how long the input thread looks for events before it sleeps
+    int64_t now;       ///< milliseconds; of this turn
 
     korPool* connectionPool;
     korPool* subscriptionPool;

@@ -2,6 +2,7 @@
 
 #include "exchange.h"
 
+#include <korutil/korAffinity.h>
 #include <korutil/korAlloc.h>
 #include <korutil/korGetopt.h>
 #include <korutil/korLib.h>
@@ -31,15 +32,16 @@ constexpr const char* usage =
     "  --stats SECONDS      report counts and times at this interval, 0 for never (0)\n"
     "  --limit BYTES        largest packet that is taken (1048576)\n"
     "  --retry SECONDS      when to send a QoS 1 message again that is not acknowledged (20)\n"
+    "  --spin MICROSECONDS  how long to look for messages before sleeping, 0 not at all (50; 0 with one processor)\n"
     "  --queue BYTES        waiting for one client: from here on QoS 0 is dropped (16777216)\n"
     "  --queue-limit BYTES  and from here on the client is disconnected (67108864)\n"
     "  --help               this text\n";
 
 const spamc_option options[] = {
-    {"port", 1, nullptr, 'p'},  {"bind", 1, nullptr, 'b'},  {"log", 1, nullptr, 'l'},
-    {"trace", 1, nullptr, 't'}, {"stats", 1, nullptr, 's'}, {"limit", 1, nullptr, 'm'},
-    {"retry", 1, nullptr, 'r'}, {"queue", 1, nullptr, 'q'}, {"queue-limit", 1, nullptr, 'Q'},
-    {"help", 0, nullptr, 'h'},  {nullptr, 0, nullptr, 0},
+    {"port", 1, nullptr, 'p'},        {"bind", 1, nullptr, 'b'},  {"log", 1, nullptr, 'l'},
+    {"trace", 1, nullptr, 't'},       {"stats", 1, nullptr, 's'}, {"limit", 1, nullptr, 'm'},
+    {"retry", 1, nullptr, 'r'},       {"spin", 1, nullptr, 'S'},  {"queue", 1, nullptr, 'q'},
+    {"queue-limit", 1, nullptr, 'Q'}, {"help", 0, nullptr, 'h'},  {nullptr, 0, nullptr, 0},
 };
 
 // ---- The command line -----------------------------------------------------------------------------------------------
@@ -88,6 +90,9 @@ void readOption(korEx* ex, uint8_t depth, int option, CommandLine* line)
     case 'r':
         settings->retryInterval = static_cast<int64_t>(1000 * readNumber(KOR_AT(ex, depth), text, 1, 1'000'000));
         break;
+    case 'S':
+        settings->spinTime = static_cast<int64_t>(readNumber(KOR_AT(ex, depth), text, 0, 1'000'000));
+        break;
     case 'q':
         settings->queueBound = readNumber(KOR_AT(ex, depth), text, 1, INT64_MAX);
         break;
@@ -109,6 +114,7 @@ CommandLine readCommandLine(korEx* ex, uint8_t depth, int argc, char** argv)
     line.settings.bind = "127.0.0.1";
     line.settings.retryInterval = 20'000;
     line.settings.packetLimit = 1024 * 1024;
+    line.settings.spinTime = _korAffinity_CoreCount() > 1 ? 50 : 0;
     line.settings.queueBound = 16 * 1024 * 1024;
     line.settings.queueLimit = 64 * 1024 * 1024;
     int option;
@@ -283,6 +289,8 @@ void openExchange(korEx* ex, uint8_t depth, Exchange* exchange, const Settings& 
     exchange->clientComponent = _korLogger_RegisterComponent(KOR_AT(ex, depth), "clients", "clnt");
     _korLogger_SetLogLevels(KOR_AT(ex, depth), settings.levels);
     exchange->secondsPerTick = _korPerf_TimerScale();
+    exchange->spinTicks =
+        static_cast<int64_t>(static_cast<double>(settings.spinTime) * 1e-6 / exchange->secondsPerTick);
     exchange->now = nowOf(exchange);
     exchange->reportedAt = exchange->now;
     exchange->tick = {{nullptr}, RequestKind::tick, 0, exchange, nullptr};
