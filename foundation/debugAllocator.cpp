@@ -21,6 +21,7 @@
 #include "korutil/korThread.h"
 #include "korutil/korTime.h"
 #include "platform/clock.h"
+#include "platform/entry.h"
 #include "platform/pages.h"
 #include "platform/thread.h"
 
@@ -434,8 +435,10 @@ void switchOff()
     needsInit.store(false);
 }
 
+// The first allocation of all: what is to be given back at an unloading comes later.
 void initTrack()
 {
+    platform::watchEnd();
     const char* text = getenv("KOR_MEM_DEBUG_CONF");
     if (text == nullptr) {
         switchOff();

@@ -176,7 +176,6 @@ void threadEnds()
 
 void atUnload(UnloadStep& step)
 {
-    platform::watchEnd();
     std::atomic_ref first(unloadSteps);
     step.next = first.load();
     while (!first.compare_exchange_weak(step.next, &step)) {

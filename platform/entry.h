@@ -12,7 +12,8 @@ void libraryUnloads(); ///< called when the library leaves a process that goes o
 
 namespace platform {
 
-/// Has the end of the process told from an unloading. Called whenever there is something new to do at an unloading.
+/// Has the end of the process told from an unloading; called as the library first takes what an unloading gives back.
+/// Watching threads does it once more.
 void watchEnd();
 bool watchThreads();    ///< called once, before the first thread is watched; false if the system has no room
 bool watchThisThread(); ///< has the calling thread's end told; false if the system has no room

@@ -3,7 +3,6 @@
 
 #include "platform/entry.h"
 
-#include <atomic>
 #include <cstdint>
 #include <pthread.h>
 
@@ -55,10 +54,8 @@ void watchEnd()
 {
     // At the start of a program the loader runs the constructors of its libraries before it registers, as a handler,
     // what calls their destructor functions: a handler of that time would come too late. So it is not registered at the
-    // loading, and not once: one of the first uses may be such a constructor's.
-    constexpr int enough = 8;
-    static std::atomic<int> registered = 0;
-    if (registered.fetch_add(1) < enough && __cxa_atexit(endOfProcess, nullptr, &__dso_handle) != 0) {
+    // loading, and not only once: the first call may be such a constructor's.
+    if (__cxa_atexit(endOfProcess, nullptr, &__dso_handle) != 0) {
         processEnds = true; // then every unloading passes for the end of the process: something leaks, nothing breaks
     }
 }
