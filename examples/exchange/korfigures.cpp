@@ -27,12 +27,12 @@ constexpr const char* usage = "korfigures - publishes this machine's figures and
                               "  --port N       the server's port (1883)\n"
                               "  --seconds N    how long to publish (5)\n"
                               "  --interval MS  time between two readings (250)\n"
-                              "  --live         draw the table anew with every reading, on a terminal\n"
+                              "  --live LINES   for a terminal of that height: show how it goes on\n"
                               "  --help         this text\n";
 
 const spamc_option options[] = {
     {"host", 1, nullptr, 'H'}, {"port", 1, nullptr, 'p'}, {"seconds", 1, nullptr, 's'}, {"interval", 1, nullptr, 'i'},
-    {"live", 0, nullptr, 'l'}, {"help", 0, nullptr, 'h'}, {nullptr, 0, nullptr, 0},
+    {"live", 1, nullptr, 'l'}, {"help", 0, nullptr, 'h'}, {nullptr, 0, nullptr, 0},
 };
 
 struct Settings {
@@ -40,7 +40,7 @@ struct Settings {
     const char* port;
     int64_t duration; ///< milliseconds
     int64_t interval; ///< milliseconds
-    bool live;
+    int64_t height;   ///< lines of the terminal; 0 = none
     bool wantsHelp;
 };
 
@@ -144,7 +144,7 @@ void countAcknowledgement(korEx*, uint8_t, mqtt::Client* client, uint16_t)
 
 void drawLine(Show* show, const char* text)
 {
-    std::printf("%s%s\n", text, show->settings.live ? "\x1b[K" : "");
+    std::printf("%s%s\n", text, show->settings.height > 0 ? "\x1b[K" : "");
     show->linesDrawn++;
 }
 
@@ -183,6 +183,17 @@ void draw(Show* show)
     drawLine(show, "");
     drawWatchers(show);
     std::fflush(stdout);
+}
+
+// The table, if the terminal has room for it; else a line that tells how far it is.
+void drawProgress(Show* show)
+{
+    if (show->rowCount + watcherCount + 4 < show->settings.height) {
+        draw(show);
+    } else if (show->settings.height > 0) {
+        std::printf("\r  %" PRIu64 " figures published, %" PRIu64 " acknowledged", show->published, show->acknowledged);
+        std::fflush(stdout);
+    }
 }
 
 // ---- Publishing -----------------------------------------------------------------------------------------------------
@@ -240,12 +251,12 @@ void publishAll(korEx* ex, uint8_t depth, Show* show)
     readFigures(&show->host, 0);
     while (ex->code == 0 && last < end) {
         turnUntil(KOR_AT(ex, depth), show, last + show->settings.interval);
+        if (show->rowCount > 0) {
+            drawProgress(show); // what was published a while ago has arrived
+        }
         int64_t now = nowOf(show);
         publishReading(KOR_AT(ex, depth), show, static_cast<double>(now - last) / 1000);
         last = now;
-        if (show->settings.live) {
-            draw(show);
-        }
     }
     for (end = nowOf(show) + settleTime; ex->code == 0 && !isComplete(show) && nowOf(show) < end;) {
         mqtt::turn(KOR_AT(ex, depth), &show->loop, 100);
@@ -304,6 +315,7 @@ bool run(korEx* ex, uint8_t depth, const Settings& settings)
     openPublisher(KOR_AT(ex, depth), &show);
     if (ex->code == 0) {
         publishAll(KOR_AT(ex, depth), &show);
+        std::printf("%s", show.settings.height > 0 && show.linesDrawn == 0 ? "\r" : "");
         draw(&show);
         std::printf("\n  %" PRIu64 " figures published, %" PRIu64 " acknowledged\n", show.published, show.acknowledged);
     }
@@ -325,7 +337,7 @@ int64_t readNumber(korEx* ex, uint8_t depth, const char* text)
 
 Settings readCommandLine(korEx* ex, uint8_t depth, int argc, char** argv)
 {
-    Settings settings = {"127.0.0.1", "1883", 5000, 250, false, false};
+    Settings settings = {"127.0.0.1", "1883", 5000, 250, 0, false};
     int option;
     while (ex->code == 0 && (option = spamc_getopt_long(argc, argv, "h", options, nullptr)) != -1) {
         switch (option) {
@@ -342,7 +354,7 @@ Settings readCommandLine(korEx* ex, uint8_t depth, int argc, char** argv)
             settings.interval = readNumber(KOR_AT(ex, depth), spamc_get_optarg());
             break;
         case 'l':
-            settings.live = true;
+            settings.height = readNumber(KOR_AT(ex, depth), spamc_get_optarg());
             break;
         case 'h':
             settings.wantsHelp = true;
