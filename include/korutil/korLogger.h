@@ -60,7 +60,7 @@ typedef struct korLoggerHead {
     korHandler* defaultHandler;     ///< global only; the console handler
     korHandler* currentHandler;     ///< global only; the handler in use
     int32_t statementBufferKey;     ///< thread-local key of the statement buffer; 0 = none
-    char* levelSpec;                ///< the last specification applied without an error, or NULL
+    char* levelSpec;                ///< the last level list applied without an error, or NULL
     uint8_t componentCount;         ///< highest component id known
     uint64_t groupCount;            ///< highest group id known
 } korLoggerHead;
@@ -106,7 +106,7 @@ typedef void (*korLogCentralEx)(uint64_t logKey, const char* message, uint32_t m
 KOR_DATA korLoggerHead _gLogger;
 /// The global levels by component id, KOR_LOG_LEVEL_SLOTS of them. Never NULL. Read with korLogger_isLoggable.
 KOR_DATA int32_t* gLoggingComponentLevels;
-/// Atomic: 1 = a specification has asked for the tracing of messages (component "msg") at debug or below, by name.
+/// Atomic: 1 = a level list has asked for the tracing of messages (component "msg") at debug or below, by name.
 KOR_DATA uint8_t gLoggingMsgTracingSet;
 /// Atomic: the same for component "msg_full".
 KOR_DATA uint8_t gLoggingMsgFullTracingSet;
@@ -205,7 +205,7 @@ KOR_API bool _korLogger_IsLoggableEx(const korLogSourceEx* sourceEx, uint8_t com
 KOR_API uint8_t _korLogger_RegisterComponent(korEx* ex, uint8_t depth, const char* tag, const char* shortTag);
 
 /// Registers a group of `count` component ids, at most 32, and gives its id, 7 to 64. A group of the same tag is hidden
-/// by the new one. A member 0 ends the group. A component of the same tag goes before the group in specifications. 0 on
+/// by the new one. A member 0 ends the group. A component of the same tag goes before the group in level lists. 0 on
 /// an error, for NULL or no members, and with an error pending. The logging system must be up.
 ///
 /// Errors: 16 "Invalid groupTag value", for more than 128 characters; 16 "Too many components per group"; 8 "The number
@@ -223,11 +223,11 @@ KOR_API void _korLogger_SetLogLevel(uint8_t component, int32_t level);
 /// Sets the default level of a component to KOR_LOG_INFO.
 KOR_API void _korLogger_SetLogLevelToDefault(uint8_t component);
 
-// ---- Levels of loggers, specifications ------------------------------------------------------------------------------
+// ---- Levels of loggers, level lists ---------------------------------------------------------------------------------
 //
-// A specification is a list with ";" between its tokens: "tag:level", where the tag names a component or a group in any
+// A level list is a text with ";" between its tokens: "tag:level", where the tag names a component or a group in any
 // case, or is "all"; or a bare level, for all components. In the global form a token that holds "precise_time" turns
-// microseconds on, one that holds "thread_id" thread ids, for good. A bare level counts only in a specification without
+// microseconds on, one that holds "thread_id" thread ids, for good. A bare level counts only in a level list without
 // any ":". An empty token ends the list.
 
 /// The level of a component in the source's logger, if that has been configured; otherwise the default level. 100 if
@@ -237,22 +237,22 @@ KOR_API int32_t _korLogger_GetLoggerLevel(const korLogSourceEx* sourceEx, uint8_
 /// too. Without a logger, the default level alone. Does nothing if the logger has gone.
 KOR_API void _korLogger_SetLoggerLogLevelWithLevel(const korLogSourceEx* sourceEx, uint8_t component, int32_t level);
 
-/// Applies a specification to the global logger and remembers it. Unknown tags are passed over. A text that is no level
+/// Applies a level list to the global logger and remembers it. Unknown tags are passed over. A text that is no level
 /// sets its tag to KOR_LOG_INFO (alone it has no effect), the rest is applied, and nothing is remembered. NULL does
 /// nothing, nor does a call with an error pending. Errors: 1 "No such log level"; 2.
 KOR_API void _korLogger_SetLogLevels(korEx* ex, uint8_t depth, const char* specification);
 /// The same, for the first function of a call path.
 KOR_API void korLogger_SetLogLevels(korEx* ex, const char* specification);
-/// The same for the logger of a key, which is made if needed; key 0 is the global logger. Without ":" the specification
+/// The same for the logger of a key, which is made if needed; key 0 is the global logger. Without ":" the level list
 /// is one level.
 KOR_API void _korLogger_SetLogLevelsForId(korEx* ex, uint8_t depth, uint64_t logKey, const char* specification);
 
-/// Copies the specification remembered for a key, or else the global one, or else "info", into `buffer` of `size`
+/// Copies the level list remembered for a key, or else the global one, or else "info", into `buffer` of `size`
 /// bytes, cut to fit and terminated, and gives the number of characters copied. With a NULL buffer gives the length. 0
 /// with an error pending.
 KOR_API uint32_t _korLogger_GetLogLevelsForId(korEx* ex, uint8_t depth, uint64_t logKey, char* buffer, uint32_t size);
 
-/// True if a specification is one level, or a list with ":" whose levels and tags are all known (tokens without ":" are
+/// True if a level list is one level, or a list with ":" whose levels and tags are all known (tokens without ":" are
 /// not looked at). False for NULL; true with an error pending. Errors, beside the result false: 1 "No such log level".
 KOR_API bool _korLogger_LevelSpecificationsAreValid(korEx* ex, uint8_t depth, const char* specification);
 

@@ -1,6 +1,6 @@
-// levelspec_fuzz.cpp - level specifications of any bytes, for the global logger and for one of a key.
+// levelspec_fuzz.cpp - level lists of any bytes, for the global logger and for one of a key.
 //
-// Held against each other: a specification that is valid is applied without an error, and what was applied without an
+// Held against each other: a level list that is valid is applied without an error, and what was applied without an
 // error is remembered to the letter.
 
 #include "korutil/korLogger.h"

@@ -1,4 +1,4 @@
-// korLogger_test.cpp - components, groups, level specifications, loggers of keys, and the choice of their handlers.
+// korLogger_test.cpp - components, groups, level lists, loggers of keys, and the choice of their handlers.
 
 #include "loggerTest.h"
 #include "support/failingHeap.h"
@@ -140,7 +140,7 @@ TEST_F(KorLoggerTest, LevelsOfTheOlderScaleAreTold)
     EXPECT_EQ(_korLogger_GetLogLevel(29), 100);
 }
 
-// ---- Specifications -------------------------------------------------------------------------------------------------
+// ---- Level lists ----------------------------------------------------------------------------------------------------
 
 using Levels = std::map<int, int32_t>;
 

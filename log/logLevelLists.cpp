@@ -1,6 +1,6 @@
-// logSpecification.cpp - level specifications: one reader for the global logger and those of keys.
+// logLevelLists.cpp - level lists: one reader for the global logger and those of keys.
 //
-// A token is read by one of two rules: a bare one when the whole specification has no ":", a named one when it has.
+// A token is read by one of two rules: a bare one when the whole level list has no ":", a named one when it has.
 // Each token is converted on an exception object of its own, so that a bad level does not keep the rest from being
 // applied; the first failure reaches the caller.
 
@@ -23,7 +23,7 @@ constexpr char separator = ';';
 constexpr char levelMark = ':';
 constexpr const char* everyTag = "all";
 
-// What a specification is applied to; the caller's object tells whether an error is pending.
+// What a level list is applied to; the caller's object tells whether an error is pending.
 struct Target {
     korLogger* logger; // NULL = the global one
     korEx* callerEx;
@@ -137,7 +137,7 @@ void tellUnknownTag(const Target& target, string_view tag)
 
 // ---- Setting --------------------------------------------------------------------------------------------------------
 
-// A logger counts as configured from the first level that a token writes, unless the specification has failed by then.
+// A logger counts as configured from the first level that a token writes, unless the level list has failed by then.
 void setComponent(korEx* ex, uint8_t depth, Setting& setting, uint8_t component)
 {
     korLogger* logger = setting.target.logger;
@@ -231,7 +231,7 @@ bool turnsThreadIdOn(string_view token)
 
 // ---- Reading --------------------------------------------------------------------------------------------------------
 
-// A token of a specification without ":". The flags are the global logger's alone.
+// A token of a level list without ":". The flags are the global logger's alone.
 void applyBare(korEx* ex, uint8_t depth, const Target& target, string_view token)
 {
     if (target.logger == nullptr && (turnsPreciseTimeOn(token) || turnsThreadIdOn(token))) {
@@ -290,7 +290,7 @@ void applySpecification(korEx* ex, uint8_t depth, korLogger* logger, string_view
     }
 }
 
-// Only a specification that was applied without an error is remembered.
+// Only a level list that was applied without an error is remembered.
 void remember(korEx* ex, uint8_t depth, korLoggerHead* head, const char* specification)
 {
     _korRWLock_WriteLock(KOR_AT_D(depth, ex), head->lock);
