@@ -367,7 +367,7 @@ TEST_F(KorExecutorTest, EveryAllocationMayFail)
         _korExecutor_SetPoolSize(KOR_AT(ex, 0), own, 2);
         _korExecutor_SetCountersEnabled(KOR_AT(ex, 0), own, true);
         _korExecutor_Start(KOR_AT(ex, 0), own);
-        TestJob job;
+        TestJob job = {}; // while an error is pending nothing makes it ready
         init(job);
         _korJob_Run(KOR_AT(ex, 0), own, &job.job);
         _korJob_Get(KOR_AT(ex, 0), &job.job, KOR_NO_TIMEOUT, nullptr);
