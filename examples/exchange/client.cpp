@@ -3,6 +3,8 @@
 
 #include "client.h"
 
+#include "wouldBlock.h"
+
 #include <korutil/korAlloc.h>
 #include <korutil/korTime.h>
 
@@ -15,28 +17,13 @@ constexpr uint32_t packetLimit = 2u << 20;
 constexpr uint32_t receiveSize = 256u << 10;
 constexpr int32_t bufferSize = 1024; // to begin with
 
-// The systems' words for "not now", which share no number.
-constexpr int32_t linuxWouldBlock = 11;
-constexpr int32_t windowsWouldBlock = 10035;
-
-bool wouldBlock(const korEx& ex)
-{
-    return ex.code == KOR_ERROR_OS && (ex.osError == linuxWouldBlock || ex.osError == windowsWouldBlock);
-}
-
 // Takes what an attempt came to into the caller's exception, unless it only has to be tried again later.
 void passOn(korEx* ex, uint8_t depth, const korEx& attempt)
 {
-    if (attempt.code != 0 && !wouldBlock(attempt)) {
+    if (attempt.code != 0 && !wouldBlock(&attempt)) {
         ex->osError = attempt.osError;
         KOR_RAISE(ex, depth, attempt.code, attempt.description);
     }
-}
-
-Bytes bytesOf(const char* text)
-{
-    // The writers only read what they are given.
-    return {reinterpret_cast<uint8_t*>(const_cast<char*>(text)), static_cast<uint32_t>(std::strlen(text))};
 }
 
 uint32_t usedBytes(const korBuffer* buffer)

@@ -6,6 +6,8 @@
 
 #include "exchange.h"
 
+#include "wouldBlock.h"
+
 #include <korutil/korAlloc.h>
 #include <korutil/korObjectMap.h>
 #include <korutil/korText.h>
@@ -17,15 +19,6 @@ namespace {
 constexpr int64_t connectTime = 10'000; // milliseconds from the acceptance to the CONNECT
 constexpr int32_t partSize = 4096;      // what has come of a packet beyond this makes it a long one
 constexpr int32_t acceptedAtOnce = 64;
-
-/// How the systems tell that a socket has nothing to give, or takes nothing, for now: EAGAIN and WSAEWOULDBLOCK.
-constexpr int32_t wouldBlockLinux = 11;
-constexpr int32_t wouldBlockWindows = 10035;
-
-bool wouldBlock(const korEx* ex)
-{
-    return ex->osError == wouldBlockLinux || ex->osError == wouldBlockWindows;
-}
 
 // ---- Keep-alive -----------------------------------------------------------------------------------------------------
 

@@ -29,16 +29,16 @@ constexpr uint32_t smallPacketSize = 208;
 
 /// What the command line says.
 struct Settings {
-    const char* port;
-    const char* bind;
-    const char* levels;    ///< of statements, or NULL
-    const char* traced;    ///< client id whose statements are all shown, or NULL
-    int64_t statsInterval; ///< milliseconds; 0 = no reports
-    int64_t retryInterval; ///< milliseconds until a packet with QoS 1 is sent again
-    int64_t spinTime;      ///< microseconds to look for events before sleeping
-    uint32_t packetLimit;  ///< bytes of the largest packet that is taken
-    uint64_t queueBound;   ///< bytes of an outbox from which on QoS 0 is dropped
-    uint64_t queueLimit;   ///< bytes of an outbox from which on the client is disconnected
+    const char* port = "1883";
+    const char* bind = "127.0.0.1";
+    const char* levels = nullptr;           ///< of statements
+    const char* traced = nullptr;           ///< client id whose statements are all shown
+    uint32_t statsInterval = 0;             ///< seconds; 0 = no reports
+    uint32_t retryInterval = 20;            ///< seconds until a packet with QoS 1 is sent again
+    uint32_t spinTime = 50;                 ///< microseconds to look for events before sleeping
+    uint32_t packetLimit = 1024 * 1024;     ///< bytes of the largest packet that is taken
+    uint32_t queueBound = 16 * 1024 * 1024; ///< bytes of an outbox from which on QoS 0 is dropped
+    uint32_t queueLimit = 64 * 1024 * 1024; ///< bytes of an outbox from which on the client is disconnected
 };
 
 // ---- Requests: what other threads want of the input thread ----------------------------------------------------------

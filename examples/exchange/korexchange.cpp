@@ -1,17 +1,17 @@
 // korexchange.cpp - a message exchange that speaks MQTT 3.1.1: the command line, the start and the end.
 
+#include "commandLine.h"
 #include "exchange.h"
 
 #include <korutil/korAffinity.h>
 #include <korutil/korAlloc.h>
-#include <korutil/korGetopt.h>
 #include <korutil/korLib.h>
 #include <korutil/korSignalMonitor.h>
-#include <korutil/korText.h>
 #include <korutil/korThread.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 namespace {
 
@@ -21,111 +21,6 @@ constexpr int32_t stagingSize = 80 * 1024;
 constexpr int32_t topicSize = 65536;
 constexpr int64_t tickInterval = 500;
 constexpr uint32_t largestPacket = 5 + 268435455;
-
-constexpr const char* usage =
-    "korexchange - a message exchange that speaks MQTT 3.1.1\n"
-    "\n"
-    "  --port N             port to listen at, 0 for a free one (1883)\n"
-    "  --bind ADDR          address to listen at (127.0.0.1)\n"
-    "  --log SPEC           levels of statements: \"info\", \"clients:debug;exchange:info\" (info)\n"
-    "  --trace ID           show every statement about the client with this id\n"
-    "  --stats SECONDS      report counts and times at this interval, 0 for never (0)\n"
-    "  --limit BYTES        largest packet that is taken (1048576)\n"
-    "  --retry SECONDS      when to send a QoS 1 message again that is not acknowledged (20)\n"
-    "  --spin MICROSECONDS  how long to look for messages before sleeping, 0 not at all (50; 0 with one processor)\n"
-    "  --queue BYTES        waiting for one client: from here on QoS 0 is dropped (16777216)\n"
-    "  --queue-limit BYTES  and from here on the client is disconnected (67108864)\n"
-    "  --help               this text\n";
-
-const spamc_option options[] = {
-    {"port", 1, nullptr, 'p'},        {"bind", 1, nullptr, 'b'},  {"log", 1, nullptr, 'l'},
-    {"trace", 1, nullptr, 't'},       {"stats", 1, nullptr, 's'}, {"limit", 1, nullptr, 'm'},
-    {"retry", 1, nullptr, 'r'},       {"spin", 1, nullptr, 'S'},  {"queue", 1, nullptr, 'q'},
-    {"queue-limit", 1, nullptr, 'Q'}, {"help", 0, nullptr, 'h'},  {nullptr, 0, nullptr, 0},
-};
-
-// ---- The command line -----------------------------------------------------------------------------------------------
-
-struct CommandLine {
-    Settings settings;
-    bool wantsHelp;
-};
-
-// Reads a number from `least` to `most`.
-uint64_t readNumber(korEx* ex, uint8_t depth, const char* text, uint64_t least, uint64_t most)
-{
-    char* end = nullptr;
-    uint64_t number = _kor_parseU64(text, &end);
-    if (end == text || *end != 0 || number < least || number > most) {
-        KOR_RAISE_F(ex, depth, KOR_ERROR_INVALID_ARGUMENT, "\"%s\" is not a number from %llu to %llu", text,
-                    static_cast<unsigned long long>(least), static_cast<unsigned long long>(most));
-    }
-    return number;
-}
-
-void readOption(korEx* ex, uint8_t depth, int option, CommandLine* line)
-{
-    const char* text = spamc_get_optarg();
-    Settings* settings = &line->settings;
-    switch (option) {
-    case 'p':
-        readNumber(KOR_AT(ex, depth), text, 0, 65535);
-        settings->port = text;
-        break;
-    case 'b':
-        settings->bind = text;
-        break;
-    case 'l':
-        settings->levels = text;
-        break;
-    case 't':
-        settings->traced = text;
-        break;
-    case 's':
-        settings->statsInterval = static_cast<int64_t>(1000 * readNumber(KOR_AT(ex, depth), text, 0, 1'000'000));
-        break;
-    case 'm':
-        settings->packetLimit = static_cast<uint32_t>(readNumber(KOR_AT(ex, depth), text, 64, largestPacket));
-        break;
-    case 'r':
-        settings->retryInterval = static_cast<int64_t>(1000 * readNumber(KOR_AT(ex, depth), text, 1, 1'000'000));
-        break;
-    case 'S':
-        settings->spinTime = static_cast<int64_t>(readNumber(KOR_AT(ex, depth), text, 0, 1'000'000));
-        break;
-    case 'q':
-        settings->queueBound = readNumber(KOR_AT(ex, depth), text, 1, INT64_MAX);
-        break;
-    case 'Q':
-        settings->queueLimit = readNumber(KOR_AT(ex, depth), text, 1, INT64_MAX);
-        break;
-    case 'h':
-        line->wantsHelp = true;
-        break;
-    default:
-        KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, "--help tells the options");
-    }
-}
-
-CommandLine readCommandLine(korEx* ex, uint8_t depth, int argc, char** argv)
-{
-    CommandLine line = {};
-    line.settings.port = "1883";
-    line.settings.bind = "127.0.0.1";
-    line.settings.retryInterval = 20'000;
-    line.settings.packetLimit = 1024 * 1024;
-    line.settings.spinTime = _korAffinity_CoreCount() > 1 ? 50 : 0;
-    line.settings.queueBound = 16 * 1024 * 1024;
-    line.settings.queueLimit = 64 * 1024 * 1024;
-    int option;
-    while (ex->code == 0 && (option = spamc_getopt_long(argc, argv, "h", options, nullptr)) != -1) {
-        readOption(KOR_AT(ex, depth), option, &line);
-    }
-    if (ex->code == 0 && spamc_get_optind() < argc) {
-        KOR_RAISE_F(ex, depth, KOR_ERROR_INVALID_ARGUMENT, "\"%s\" is no option", argv[spamc_get_optind()]);
-    }
-    return line;
-}
 
 // ---- Start and end --------------------------------------------------------------------------------------------------
 
@@ -186,7 +81,7 @@ void startTimer(korEx* ex, uint8_t depth, Exchange* exchange)
     _korTimer_Start(KOR_AT(ex, depth), exchange->timer);
     every(KOR_AT(ex, depth), exchange, tickInterval, &exchange->tick);
     if (exchange->settings.statsInterval > 0) {
-        every(KOR_AT(ex, depth), exchange, exchange->settings.statsInterval, &exchange->report);
+        every(KOR_AT(ex, depth), exchange, int64_t{1000} * exchange->settings.statsInterval, &exchange->report);
     }
 }
 
@@ -330,24 +225,42 @@ void closeExchange(uint8_t depth, korEx* ex, Exchange* exchange)
 
 int main(int argc, char** argv)
 {
+    Settings settings;
+    bool wantsHelp = false;
+    settings.spinTime = _korAffinity_CoreCount() > 1 ? settings.spinTime : 0;
+    const Option options[] = {
+        portOption("port to listen at, 0 for a free one", &settings.port),
+        textOption("bind", "ADDR", "address to listen at", &settings.bind),
+        textOption("log", "LEVELS", "levels of statements, such as \"clients:debug;exchange:info\"", &settings.levels),
+        textOption("trace", "ID", "show every statement about the client with this id", &settings.traced),
+        numberOption("stats", "SECONDS", "report counts and times at this interval, 0 for never",
+                     &settings.statsInterval, 0, 1'000'000),
+        numberOption("limit", "BYTES", "largest packet that is taken", &settings.packetLimit, 64, largestPacket),
+        numberOption("retry", "SECONDS", "when to send again with QoS 1 what is not acknowledged",
+                     &settings.retryInterval, 1, 1'000'000),
+        numberOption("spin", "MICROSECONDS", "how long to look for messages before sleeping", &settings.spinTime, 0,
+                     1'000'000),
+        numberOption("queue", "BYTES", "waiting for one client: from here on QoS 0 is dropped", &settings.queueBound, 1,
+                     UINT32_MAX),
+        numberOption("queue-limit", "BYTES", "and from here on the client is disconnected", &settings.queueLimit, 1,
+                     UINT32_MAX),
+        flagOption("help", "this text", &wantsHelp),
+    };
     KOR_EX_LOCAL(ex);
     _korutil_Open(KOR_AT(&ex, 0), KORUTIL_LEVEL);
-    CommandLine line = readCommandLine(KOR_AT(&ex, 0), argc, argv);
-    bool served = line.wantsHelp;
-    if (line.wantsHelp && ex.code == 0) {
-        std::fputs(usage, stdout);
+    readCommandLine(KOR_AT(&ex, 0), argc, argv, options, std::size(options));
+    bool served = wantsHelp;
+    if (ex.code == 0 && wantsHelp) {
+        std::puts("korexchange - a message exchange that speaks MQTT 3.1.1\n");
+        printOptions(options, std::size(options));
     } else {
         _korSignalMonitor_Start(KOR_AT(&ex, 0), nullptr);
-        if (ex.code == 0) {
-            served = serve(KOR_AT(&ex, 0), line.settings);
-        }
+        served = ex.code == 0 && serve(KOR_AT(&ex, 0), settings);
         _korSignalMonitor_Stop(KOR_AT_D(0, &ex));
     }
     bool failed = ex.code != 0;
     if (failed) {
-        char text[KOR_DESCRIPTION_SIZE];
-        _korEx_PrintErrInfo(&ex, text, sizeof(text));
-        std::fprintf(stderr, "korexchange: %s\n", text);
+        printFailure("korexchange", &ex);
     }
     _korutil_Close(KOR_AT_D(0, &ex));
     return served && !failed ? EXIT_SUCCESS : EXIT_FAILURE;

@@ -2,9 +2,9 @@
 // and wildcard filters, and shows what comes back. Ends with 1 if any subscriber got more or less than was published.
 
 #include "client.h"
+#include "commandLine.h"
 #include "hostFigures.h"
 
-#include <korutil/korGetopt.h>
 #include <korutil/korLib.h>
 #include <korutil/korPerf.h>
 #include <korutil/korStrHash.h>
@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 namespace {
 
@@ -21,27 +22,13 @@ constexpr int32_t topicSize = 192;
 constexpr int32_t settleTime = 10'000; // milliseconds for what is still on its way at the end
 constexpr int32_t watcherCount = 5;
 
-constexpr const char* usage = "korfigures - publishes this machine's figures and shows what subscribers get of them\n"
-                              "\n"
-                              "  --host ADDR    the server's address (127.0.0.1)\n"
-                              "  --port N       the server's port (1883)\n"
-                              "  --seconds N    how long to publish (5)\n"
-                              "  --interval MS  time between two readings (250)\n"
-                              "  --live LINES   for a terminal of that height: show how it goes on\n"
-                              "  --help         this text\n";
-
-const spamc_option options[] = {
-    {"host", 1, nullptr, 'H'}, {"port", 1, nullptr, 'p'}, {"seconds", 1, nullptr, 's'}, {"interval", 1, nullptr, 'i'},
-    {"live", 1, nullptr, 'l'}, {"help", 0, nullptr, 'h'}, {nullptr, 0, nullptr, 0},
-};
-
 struct Settings {
-    const char* host;
-    const char* port;
-    int64_t duration; ///< milliseconds
-    int64_t interval; ///< milliseconds
-    int64_t height;   ///< lines of the terminal; 0 = none
-    bool wantsHelp;
+    const char* host = "127.0.0.1";
+    const char* port = "1883";
+    uint32_t seconds = 5;
+    uint32_t interval = 250; ///< milliseconds
+    uint32_t height = 0;     ///< lines of the terminal; 0 = none
+    bool wantsHelp = false;
 };
 
 /// A subscriber with one filter.
@@ -75,11 +62,6 @@ struct Show {
     uint64_t acknowledged;
     double secondsPerTick;
 };
-
-mqtt::Bytes bytesOf(char* text)
-{
-    return {reinterpret_cast<uint8_t*>(text), static_cast<uint32_t>(std::strlen(text))};
-}
 
 int64_t nowOf(const Show* show)
 {
@@ -188,7 +170,7 @@ void draw(Show* show)
 // The table, if the terminal has room for it; else a line that tells how far it is.
 void drawProgress(Show* show)
 {
-    if (show->rowCount + watcherCount + 4 < show->settings.height) {
+    if (static_cast<uint32_t>(show->rowCount + watcherCount + 4) < show->settings.height) {
         draw(show);
     } else if (show->settings.height > 0) {
         std::printf("\r  %" PRIu64 " figures published, %" PRIu64 " acknowledged", show->published, show->acknowledged);
@@ -205,8 +187,8 @@ void publishFigure(korEx* ex, uint8_t depth, Show* show, const Figure& figure)
     _kor_snprintf(topic, sizeof(topic), "host/%s/%s", show->hostName, figure.topic);
     _kor_snprintf(value, sizeof(value), "%.*f %s", figure.value < 1000 ? 2 : 0, figure.value, figure.unit);
     mqtt::Publish message = {};
-    message.topic = bytesOf(topic);
-    message.payload = bytesOf(value);
+    message.topic = mqtt::bytesOf(topic);
+    message.payload = mqtt::bytesOf(value);
     message.qos = 1;
     mqtt::publish(KOR_AT(ex, depth), &show->publisher, message);
     if (ex->code == 0) {
@@ -247,7 +229,7 @@ bool isComplete(const Show* show)
 void publishAll(korEx* ex, uint8_t depth, Show* show)
 {
     int64_t last = nowOf(show);
-    int64_t end = last + show->settings.duration;
+    int64_t end = last + int64_t{1000} * show->settings.seconds;
     readFigures(&show->host, 0);
     while (ex->code == 0 && last < end) {
         turnUntil(KOR_AT(ex, depth), show, last + show->settings.interval);
@@ -324,66 +306,32 @@ bool run(korEx* ex, uint8_t depth, const Settings& settings)
     return complete;
 }
 
-int64_t readNumber(korEx* ex, uint8_t depth, const char* text)
-{
-    char* end = nullptr;
-    uint64_t number = _kor_parseU64(text, &end);
-    if (end == text || *end != 0 || number < 1 || number > 1'000'000) {
-        KOR_RAISE_F(ex, depth, KOR_ERROR_INVALID_ARGUMENT, "\"%s\" is not a number from 1 to 1000000", text);
-        return 1;
-    }
-    return static_cast<int64_t>(number);
-}
-
-Settings readCommandLine(korEx* ex, uint8_t depth, int argc, char** argv)
-{
-    Settings settings = {"127.0.0.1", "1883", 5000, 250, 0, false};
-    int option;
-    while (ex->code == 0 && (option = spamc_getopt_long(argc, argv, "h", options, nullptr)) != -1) {
-        switch (option) {
-        case 'H':
-            settings.host = spamc_get_optarg();
-            break;
-        case 'p':
-            settings.port = spamc_get_optarg();
-            break;
-        case 's':
-            settings.duration = 1000 * readNumber(KOR_AT(ex, depth), spamc_get_optarg());
-            break;
-        case 'i':
-            settings.interval = readNumber(KOR_AT(ex, depth), spamc_get_optarg());
-            break;
-        case 'l':
-            settings.height = readNumber(KOR_AT(ex, depth), spamc_get_optarg());
-            break;
-        case 'h':
-            settings.wantsHelp = true;
-            break;
-        default:
-            KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, "--help tells the options");
-        }
-    }
-    return settings;
-}
-
 } // namespace
 
 int main(int argc, char** argv)
 {
+    Settings settings;
+    const Option options[] = {
+        textOption("host", "ADDR", "the server's address", &settings.host),
+        portOption("the server's port", &settings.port),
+        numberOption("seconds", "N", "how long to publish", &settings.seconds, 1, 1'000'000),
+        numberOption("interval", "MS", "time between two readings", &settings.interval, 1, 1'000'000),
+        numberOption("live", "LINES", "for a terminal of that height: show how it goes on", &settings.height, 1, 10000),
+        flagOption("help", "this text", &settings.wantsHelp),
+    };
     KOR_EX_LOCAL(ex);
     _korutil_Open(KOR_AT(&ex, 0), KORUTIL_LEVEL);
-    Settings settings = readCommandLine(KOR_AT(&ex, 0), argc, argv);
-    bool complete = false;
+    readCommandLine(KOR_AT(&ex, 0), argc, argv, options, std::size(options));
+    bool complete = settings.wantsHelp;
     if (ex.code == 0 && settings.wantsHelp) {
-        std::fputs(usage, stdout);
-        complete = true;
+        std::puts("korfigures - publishes this machine's figures and shows what subscribers get of them\n");
+        printOptions(options, std::size(options));
     } else if (ex.code == 0) {
         complete = run(KOR_AT(&ex, 0), settings);
     }
     if (ex.code != 0) {
-        char text[KOR_DESCRIPTION_SIZE];
-        _korEx_PrintErrInfo(&ex, text, sizeof(text));
-        std::fprintf(stderr, "korfigures: %s\n", text);
+        printFailure("korfigures", &ex);
+        complete = false;
     }
     _korutil_Close(KOR_AT_D(0, &ex));
     return complete ? EXIT_SUCCESS : EXIT_FAILURE;

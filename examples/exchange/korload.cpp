@@ -3,6 +3,7 @@
 // number of each publisher once and in order.
 
 #include "client.h"
+#include "commandLine.h"
 #include "loadReport.h"
 
 #include <korutil/korAlloc.h>
@@ -142,7 +143,7 @@ void publishOne(korEx* ex, uint8_t depth, Load* load, uint32_t index)
     char topic[topicSize];
     nameTopic(load, (index + stamp.number) % load->options.topics, topic);
     mqtt::Publish message = {};
-    message.topic = {reinterpret_cast<uint8_t*>(topic), static_cast<uint32_t>(std::strlen(topic))};
+    message.topic = mqtt::bytesOf(topic);
     message.payload = {load->payload, load->options.size};
     message.qos = static_cast<uint8_t>(load->options.qos);
     mqtt::publish(KOR_AT(ex, depth), &publisher->client, message);
@@ -356,20 +357,21 @@ bool work(korEx* ex, uint8_t depth, const Options& options)
 int main(int argc, char** argv)
 {
     Options options;
-    if (!readOptions(argc, argv, &options)) {
+    KOR_EX_LOCAL(ex);
+    readOptions(KOR_AT(&ex, 0), argc, argv, &options);
+    if (ex.code != 0) {
+        printFailure("korload", &ex);
         return 2;
     }
     if (options.help) {
-        printHelp();
+        printHelp(&options);
         return 0;
     }
-    korEx* ex = korEx_Create();
-    _korutil_Open(KOR_AT(ex, 0), KORUTIL_LEVEL);
-    bool isKept = work(KOR_AT(ex, 0), options);
-    if (korEx_GetErrorCode(ex) != 0) {
-        korEx_Print(ex);
+    _korutil_Open(KOR_AT(&ex, 0), KORUTIL_LEVEL);
+    bool isKept = work(KOR_AT(&ex, 0), options);
+    if (ex.code != 0) {
+        korEx_Print(&ex);
     }
-    _korutil_Close(KOR_AT_D(0, ex));
-    korEx_Destroy(ex);
+    _korutil_Close(KOR_AT_D(0, &ex));
     return isKept ? 0 : 1;
 }

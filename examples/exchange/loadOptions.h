@@ -3,6 +3,8 @@
 #ifndef EXCHANGE_LOADOPTIONS_H
 #define EXCHANGE_LOADOPTIONS_H
 
+#include <korutil/korEx.h>
+
 #include <cstdint>
 
 /// What every payload begins with. Sender and receiver are one program, so numbers stay in its byte order.
@@ -28,9 +30,10 @@ struct Options {
     bool help = false;
 };
 
-/// False, with a line on standard error, if something is wrong.
-bool readOptions(int argc, char** argv, Options* options);
+/// Reads the command line. Code 1 if something is wrong with it.
+void readOptions(korEx* ex, uint8_t depth, int argc, char** argv, Options* options);
 
-void printHelp();
+/// Explains the options, with those of `options` as the defaults.
+void printHelp(Options* options);
 
 #endif

@@ -18,7 +18,7 @@ void expire(korEx* ex, uint8_t depth, Connection* connection)
 
 void resendAll(Exchange* exchange)
 {
-    int64_t before = exchange->now - exchange->settings.retryInterval;
+    int64_t before = exchange->now - int64_t{1000} * exchange->settings.retryInterval;
     for (Connection* connection = exchange->connections; connection != nullptr; connection = connection->next) {
         uint32_t count = resend(&connection->outbox, before);
         if (count > 0) {

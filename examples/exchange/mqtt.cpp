@@ -235,6 +235,11 @@ uint32_t characterSize(const uint8_t* at, uint32_t available)
 
 } // namespace
 
+Bytes bytesOf(const char* text)
+{
+    return {reinterpret_cast<uint8_t*>(const_cast<char*>(text)), static_cast<uint32_t>(std::strlen(text))};
+}
+
 const char* nameOf(Type type)
 {
     static const char* const names[] = {"reserved", "CONNECT",  "CONNACK",    "PUBLISH", "PUBACK",      "PUBREC",

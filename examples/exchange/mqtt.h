@@ -53,6 +53,9 @@ struct Bytes {
     uint32_t length;
 };
 
+/// The bytes of a terminated text, as a view: whoever gets it only reads.
+Bytes bytesOf(const char* text);
+
 /// The first two to five bytes of a packet.
 struct Header {
     Type type;

@@ -335,9 +335,8 @@ void unsubscribeAll(uint8_t depth, korEx* ex, Connection* connection)
     uint64_t value;
     _korStrHash_IteratorInit(connection->subscriptions, &iterator);
     while (_korStrHash_Next(&iterator, &filter, &value)) {
-        auto* text = reinterpret_cast<uint8_t*>(const_cast<char*>(filter)); // a view, which nobody writes through
-        mqtt::Bytes bytes = {text, static_cast<uint32_t>(std::strlen(filter))};
-        removeFromIndex(KOR_AT_D(depth, ex), connection->exchange, bytes, reinterpret_cast<Subscription*>(value));
+        removeFromIndex(KOR_AT_D(depth, ex), connection->exchange, mqtt::bytesOf(filter),
+                        reinterpret_cast<Subscription*>(value));
     }
     connection->exchange->filters -= static_cast<uint32_t>(connection->subscriptionCount);
     _korStrHash_Destroy(KOR_AT_D(depth, ex), connection->subscriptions);
