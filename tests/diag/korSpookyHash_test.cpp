@@ -4,6 +4,7 @@
 
 #include "support/korTest.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 #include <numeric>
@@ -28,7 +29,7 @@ std::ostream& operator<<(std::ostream& out, const Hash& hash)
 std::vector<uint64_t> wordsOf(const uint8_t* data, size_t length, size_t count)
 {
     std::vector<uint64_t> words(count);
-    std::memcpy(words.data(), data, length);
+    std::copy_n(data, length, reinterpret_cast<uint8_t*>(words.data()));
     return words;
 }
 
