@@ -208,32 +208,9 @@ int finish(ProcessHandles* handles)
 
 #endif
 
-ChildProcess::ChildProcess(const std::string& filter, const std::map<std::string, std::string>& environment)
-    : handles_(start(thisProgram(), {"--gtest_also_run_disabled_tests", "--gtest_filter=" + filter}, environment))
-{}
-
-int ChildProcess::wait()
-{
-    if (waited_) {
-        return exitCode_;
-    }
-    waited_ = true;
-    char text[4096];
-    while (size_t length = readOutput(handles_.get(), text, sizeof text)) {
-        output_.append(text, length);
-    }
-    std::erase(output_, '\r');
-    exitCode_ = finish(handles_.get());
-    return exitCode_;
-}
-
-ChildProcess::~ChildProcess()
-{
-    wait();
-}
-
-Program::Program(const std::string& path, const std::vector<std::string>& arguments)
-    : handles_(start(path, arguments, {})), collector_([this] { collect(); })
+Program::Program(const std::string& path, const std::vector<std::string>& arguments,
+                 const std::map<std::string, std::string>& environment)
+    : handles_(start(path, arguments, environment)), collector_([this] { collect(); })
 {}
 
 void Program::collect()
@@ -252,7 +229,7 @@ void Program::collect()
 
 namespace {
 
-constexpr auto patience = std::chrono::minutes(1);
+constexpr auto patience = std::chrono::minutes(3);
 constexpr int killing = 9; // SIGKILL, which Windows has no name for
 
 size_t count(const std::string& whole, const std::string& part)
@@ -307,6 +284,15 @@ Program::~Program()
     if (!waited_) {
         sendSignal(handles_.get(), killing);
     }
+    wait();
+}
+
+ChildProcess::ChildProcess(const std::string& filter, const std::map<std::string, std::string>& environment)
+    : Program(thisProgram(), {"--gtest_also_run_disabled_tests", "--gtest_filter=" + filter}, environment)
+{}
+
+ChildProcess::~ChildProcess()
+{
     wait();
 }
 

@@ -23,44 +23,20 @@ namespace kor::test {
 
 struct ProcessHandles;
 
-/// This program once more, running one test, with further environment variables. It has started when the constructor
-/// returns; what it writes is collected by wait().
-class ChildProcess
-{
-public:
-    explicit ChildProcess(const std::string& filter, const std::map<std::string, std::string>& environment = {});
-    ~ChildProcess(); ///< waits, if nobody has
-
-    /// Waits for the end and gives the exit code: 0 if the test passed, -1 if the child did not start or was ended by a
-    /// signal.
-    int wait();
-
-    /// What the child wrote to its standard output and error, with plain line ends. After wait().
-    const std::string& output() const { return output_; }
-
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
-
-private:
-    std::unique_ptr<ProcessHandles> handles_;
-    std::string output_;
-    int exitCode_ = -1;
-    bool waited_ = false;
-};
-
-/// Another program. What it writes, to its standard output and error, is collected while it runs.
+/// A second process. What it writes, to its standard output and error, is collected while it runs.
 class Program
 {
 public:
-    Program(const std::string& path, const std::vector<std::string>& arguments);
+    Program(const std::string& path, const std::vector<std::string>& arguments,
+            const std::map<std::string, std::string>& environment = {});
     ~Program(); ///< kills it, if nobody has waited for its end
 
-    /// Waits until the output has `text` `times` times; false if the program ends or a minute passes before.
+    /// Waits until the output has `text` `times` times; false if the program ends or three minutes pass before.
     bool waitFor(const std::string& text, size_t times = 1);
     /// Sends it a signal. Windows has none: there it is ended at once.
     void signal(int number);
     /// Waits for its end and gives the exit code; -1 if it did not start, was ended by a signal, or had to be killed
-    /// after a minute.
+    /// after three minutes.
     int wait();
     /// What it has written so far, with plain line ends.
     std::string output();
@@ -79,6 +55,14 @@ private:
     bool waited_ = false;
     int exitCode_ = -1;
     std::thread collector_;
+};
+
+/// This program once more, running one test, with further environment variables.
+class ChildProcess : public Program
+{
+public:
+    explicit ChildProcess(const std::string& filter, const std::map<std::string, std::string>& environment = {});
+    ~ChildProcess(); ///< waits, if nobody has
 };
 
 /// The path of a file that lies at `relative` from the folder of this program.
