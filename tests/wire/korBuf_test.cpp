@@ -328,12 +328,13 @@ TEST_F(KorBuf, BitmasksOfAnySizeAndDensity)
         _korBuf_EncodeBitmask(ex, 0, &cursor, end, array.data(), static_cast<int32_t>(array.size()));
         ASSERT_EQ(Bytes(start, cursor), fieldOf(array));
 
-        auto kept = static_cast<int32_t>(random.below(array.size() + 1)); // a reader with a smaller array
-        Bytes back(static_cast<size_t>(kept), 0xee);
+        size_t kept = round < 10 ? round : random.below(array.size() + 1); // a reader may have a smaller array
+        Bytes back(kept, 0xee);
         end = cursor;
         cursor = start;
-        _korBuf_DecodeBitmask(ex, 0, &cursor, end, back.data(), kept);
-        ASSERT_EQ(back, Bytes(array.begin(), array.begin() + kept));
+        _korBuf_DecodeBitmask(ex, 0, &cursor, end, back.data(), static_cast<int32_t>(kept));
+        array.resize(kept);
+        ASSERT_EQ(back, array);
         ASSERT_EQ(cursor, end);
     }
     _korBuf_EncodeBitmask(ex, 0, &cursor, end, nullptr, -1);
