@@ -3,70 +3,74 @@
 #include "korutil/korHeaderID.h"
 
 #include "support/failingHeap.h"
-#include "support/korTest.h"
+#include "wireTest.h"
 
 #include <cstring>
-#include <vector>
 
 namespace {
 
 using namespace kor::test;
 using KorHeaderIDTest = KorTest;
-using Bytes = std::vector<uint8_t>;
 
-constexpr korHeaderID uuidRecord = {0, {0x0706050403020100, 0x0f0e0d0c0b0a0908}};
-
-// What is written into exactly `room` bytes.
-Bytes write(korEx* ex, const korHeaderID& record, size_t room)
+bool same(const korHeaderID& left, const korHeaderID& right)
 {
-    Bytes bytes(room);
-    uint8_t* cursor = bytes.data();
-    _korBuf_WriteHeaderID(KOR_AT(ex, 0), &cursor, bytes.data() + room, &record);
-    bytes.resize(static_cast<size_t>(cursor - bytes.data()));
-    return bytes;
+    return left.id == right.id && left.uuid[0] == right.uuid[0] && left.uuid[1] == right.uuid[1];
 }
 
-TEST_F(KorHeaderIDTest, BothFormsGoOverTheWire)
+TEST_F(KorHeaderIDTest, BothFormsGoOverTheWireAndAreText)
 {
-    Bytes uuidBytes{0};
-    for (uint8_t byte = 0; byte < 16; byte++) {
-        uuidBytes.push_back(byte);
-    }
-    const std::pair<korHeaderID, Bytes> cases[] = {
-        {{5, {1, 2}}, {5}}, {{127, {}}, {127}}, {{128, {}}, {0x80, 0x80}}, {uuidRecord, uuidBytes}};
-    for (auto& [record, expected] : cases) {
-        EXPECT_EQ(write(ex, record, expected.size()), expected);
-        Bytes bytes = expected;
-        uint8_t* cursor = bytes.data();
-        korHeaderID* back = _korHeaderID_CreateFromBuffer(KOR_AT(ex, 0), &cursor, cursor + bytes.size());
-        ASSERT_NE(back, nullptr);
-        EXPECT_EQ(back->id, record.id);
-        EXPECT_EQ(back->uuid[0], record.id == 0 ? record.uuid[0] : 0); // a number leaves the zeroed UUID
-        EXPECT_EQ(back->uuid[1], record.id == 0 ? record.uuid[1] : 0);
-        EXPECT_EQ(cursor, bytes.data() + bytes.size());
-        _korHeaderID_Destroy(KOR_AT_D(0, ex), back);
-        EXPECT_CLEAN();
+    struct Case {
+        korHeaderID record;
+        const char* bytes;
+        const char* text;
+        int64_t read; // before the end was met, with a byte missing
+    };
+    const korHeaderID uuid = {0, {0x0706050403020100, 0x0f0e0d0c0b0a0908}};
+    const Case cases[] = {
+        {{5, {8, 7}}, "05", "5", 0},
+        {{128, {8, 7}}, "80 80", "128", 0},
+        {{INT64_MAX, {8, 7}}, "ff 7f ff ff ff ff ff ff ff", "9223372036854775807", 0},
+        {uuid, "00 00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f", "{00010203-0405-0607-0809-0A0B0C0D0E0F}", 1},
+    };
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.text);
+        Bytes bytes(bytesOf(one.bytes).size(), 0xee);
+        uint8_t* const start = bytes.data();
+        uint8_t* const end = start + bytes.size();
+        uint8_t* cursor = start;
+        _korBuf_WriteHeaderID(KOR_AT(ex, 0), &cursor, end, &one.record);
+        EXPECT_EQ(hexOf(bytes), one.bytes);
+        EXPECT_EQ(cursor, end);
 
-        cursor = bytes.data();
-        EXPECT_EQ(_korHeaderID_CreateFromBuffer(KOR_AT(ex, 0), &cursor, cursor + bytes.size() - 1), nullptr);
-        EXPECT_RAISED(12, "Buffer too small");
-        write(ex, record, expected.size() - 1);
-        EXPECT_RAISED(12, "Buffer too small");
-    }
-    write(ex, {uint64_t{1} << 63, {}}, 32);
-    EXPECT_RAISED(1, "ILLEGAL_VALUE");
-}
+        cursor = start;
+        korHeaderID into = {9, {8, 7}};
+        _korBuf_ReadHeaderID(KOR_AT(ex, 0), &cursor, end, &into);
+        EXPECT_TRUE(same(into, one.record)) << "a number leaves the UUID alone";
+        EXPECT_EQ(cursor, end);
+        cursor = start;
+        korHeaderID* made = _korHeaderID_CreateFromBuffer(KOR_AT(ex, 0), &cursor, end);
+        ASSERT_NE(made, nullptr);
+        EXPECT_TRUE(same(*made, one.record.id == 0 ? one.record : korHeaderID{one.record.id, {0, 0}}));
+        _korHeaderID_Destroy(KOR_AT_D(0, ex), made);
 
-TEST_F(KorHeaderIDTest, Text)
-{
-    char text[KOR_HEADERID_TEXT_SIZE];
-    EXPECT_EQ(_korHeaderID_ToString(KOR_AT(ex, 0), &uuidRecord, text, sizeof text), 38);
-    EXPECT_STREQ(text, "{00010203-0405-0607-0809-0A0B0C0D0E0F}");
-    korHeaderID number = {INT64_MAX, {}};
-    EXPECT_EQ(_korHeaderID_ToString(KOR_AT(ex, 0), &number, text, sizeof text), 19);
-    EXPECT_STREQ(text, "9223372036854775807");
-    EXPECT_EQ(_korHeaderID_ToString(KOR_AT(ex, 0), &number, text, sizeof text - 1), -1);
-    EXPECT_RAISED(1, "Buffer size must be greater HEADERID_TOSTRING_MAX_SIZE");
+        char text[KOR_HEADERID_TEXT_SIZE];
+        auto length = static_cast<int32_t>(strlen(one.text));
+        EXPECT_EQ(_korHeaderID_ToString(KOR_AT(ex, 0), &one.record, text, sizeof text), length);
+        EXPECT_STREQ(text, one.text);
+        EXPECT_EQ(_korHeaderID_ToString(KOR_AT(ex, 0), &one.record, text, sizeof text - 1), -1);
+        EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, "Buffer size must be greater HEADERID_TOSTRING_MAX_SIZE");
+
+        cursor = start;
+        _korBuf_ReadHeaderID(KOR_AT(ex, 0), &cursor, end - 1, &into);
+        EXPECT_RAISED(KOR_ERROR_END_OF_BUFFER, "Buffer too small");
+        EXPECT_EQ(cursor - start, one.read);
+        cursor = start;
+        EXPECT_EQ(_korHeaderID_CreateFromBuffer(KOR_AT(ex, 0), &cursor, end - 1), nullptr);
+        EXPECT_RAISED(KOR_ERROR_END_OF_BUFFER, "Buffer too small");
+        cursor = start;
+        _korBuf_WriteHeaderID(KOR_AT(ex, 0), &cursor, end - 1, &one.record);
+        EXPECT_RAISED(KOR_ERROR_END_OF_BUFFER, "Buffer too small");
+    }
 }
 
 TEST_F(KorHeaderIDTest, AnyRequestMayFail)
@@ -76,27 +80,10 @@ TEST_F(KorHeaderIDTest, AnyRequestMayFail)
         uint8_t* cursor = &byte;
         korHeaderID* read = _korHeaderID_CreateFromBuffer(KOR_AT(ex, 0), &cursor, &byte + 1);
         korHeaderID* copy = read == nullptr ? nullptr : _korHeaderID_Copy(KOR_AT(ex, 0), read);
-        EXPECT_TRUE(copy == nullptr || memcmp(copy, read, sizeof *copy) == 0);
+        EXPECT_TRUE(copy == nullptr || same(*copy, *read));
         _korHeaderID_Destroy(KOR_AT_D(0, ex), read);
         _korHeaderID_Destroy(KOR_AT_D(0, ex), copy);
     });
 }
 
 } // namespace
-
-TEST_F(KorHeaderIDTest, IsReadIntoACallersRecord)
-{
-    uint8_t bytes[17] = {0x81, 0};
-    uint8_t* cursor = bytes;
-    korHeaderID record = {9, {8, 7}};
-    _korBuf_ReadHeaderID(KOR_AT(ex, 0), &cursor, bytes + 2, &record);
-    EXPECT_TRUE(cursor == bytes + 2 && record.id == 256 && record.uuid[0] == 8 && record.uuid[1] == 7);
-    bytes[0] = 0;
-    cursor = bytes;
-    _korBuf_ReadHeaderID(KOR_AT(ex, 0), &cursor, bytes + 16, &record);
-    EXPECT_RAISED(12, "Buffer too small");
-    EXPECT_EQ(cursor, bytes + 1) << "behind the number";
-    cursor = bytes;
-    _korBuf_ReadHeaderID(KOR_AT(ex, 0), &cursor, bytes + 17, &record);
-    EXPECT_TRUE(cursor == bytes + 17 && record.id == 0 && record.uuid[0] == 0 && record.uuid[1] == 0);
-}
