@@ -3,116 +3,101 @@
 // Held against each other: what a reader gives is written again and read again as the same. The message lies in a block
 // of its own size, so that a byte too many is seen.
 
+#include "fuzz.h"
+
 #include "korutil/korBuf.h"
 
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <vector>
-
+namespace kor::fuzz {
 namespace {
 
-void demand(bool holds)
-{
-    if (!holds) {
-        std::abort();
-    }
-}
+using Bytes = std::vector<uint8_t>;
 
 struct Message {
     korEx* ex;
-    std::vector<uint8_t> bytes;
+    Bytes bytes;
     uint8_t* cursor = bytes.data();
     const uint8_t* end = bytes.data() + bytes.size();
 };
 
-struct Field {
-    uint8_t bytes[16];
-    uint8_t* cursor = bytes;
-    const uint8_t* end = bytes + sizeof bytes;
-};
-
 void readHeaderInt(Message& message)
 {
+    korEx* ex = message.ex;
     uint64_t value = 0;
-    int32_t width = _korBuf_ReadHeaderInt(KOR_AT(message.ex, 0), &message.cursor, message.end, &value);
-    demand((width == 0) == (message.ex->code != 0));
+    int32_t width = _korBuf_ReadHeaderInt(KOR_AT(ex, 0), &message.cursor, message.end, &value);
+    demand((width == 0) == (ex->code != 0));
     if (width != 0) {
-        Field field;
+        Message field = {ex, Bytes(16)};
         uint64_t again = 0;
-        demand(_korBuf_WriteHeaderIntExpanded(KOR_AT(message.ex, 0), &field.cursor, field.end, value, width) == width);
-        demand(std::memcmp(field.bytes, message.cursor - width, static_cast<size_t>(width)) == 0);
-        field.cursor = field.bytes;
-        demand(_korBuf_ReadHeaderIntImpl(KOR_AT(message.ex, 0), &field.cursor, field.end, &again) == width);
-        demand(again == value);
+        demand(_korBuf_WriteHeaderIntExpanded(KOR_AT(ex, 0), &field.cursor, field.end, value, width) == width);
+        field.cursor -= width;
+        demand(std::memcmp(field.cursor, message.cursor - width, static_cast<size_t>(width)) == 0);
+        demand(_korBuf_ReadHeaderIntImpl(KOR_AT(ex, 0), &field.cursor, field.end, &again) == width && again == value);
     }
 }
 
 void readVarInt(Message& message)
 {
+    korEx* ex = message.ex;
     int64_t value = 0;
-    int32_t width = _korBuf_ReadVarInt(KOR_AT(message.ex, 0), &message.cursor, message.end, message.end, &value);
-    if (message.ex->code == 0) {
-        Field field;
+    int32_t width = _korBuf_ReadVarInt(KOR_AT(ex, 0), &message.cursor, message.end, message.end, &value);
+    if (ex->code == 0) {
+        Message field = {ex, Bytes(16)};
         int64_t again = 0;
-        int32_t shortest = _korBuf_WriteVarInt(KOR_AT(message.ex, 0), &field.cursor, field.end, value);
+        int32_t shortest = _korBuf_WriteVarInt(KOR_AT(ex, 0), &field.cursor, field.end, value);
         demand(shortest <= width + 1); // the least value of a form is written in the next one
-        demand(shortest == _korBuf_VarIntWireSize(KOR_AT(message.ex, 0), value));
-        const uint8_t* written = field.cursor;
-        field.cursor = field.bytes;
-        demand(_korBuf_ReadVarInt(KOR_AT(message.ex, 0), &field.cursor, written, field.end, &again) == shortest);
+        demand(shortest == _korBuf_VarIntWireSize(KOR_AT(ex, 0), value));
+        const uint8_t* written = std::exchange(field.cursor, field.bytes.data());
+        demand(_korBuf_ReadVarInt(KOR_AT(ex, 0), &field.cursor, written, field.end, &again) == shortest);
         demand(again == value);
     }
 }
 
 void readBitmask(Message& message, int32_t count)
 {
-    std::vector<uint8_t> array(static_cast<size_t>(count));
-    _korBuf_DecodeBitmask(KOR_AT(message.ex, 0), &message.cursor, message.end, array.data(), count);
-    if (message.ex->code == 0) {
-        std::vector<uint8_t> field(2 * array.size() + 8);
-        std::vector<uint8_t> again(array.size(), 0xee);
-        uint8_t* cursor = field.data();
-        _korBuf_EncodeBitmask(KOR_AT(message.ex, 0), &cursor, field.data() + field.size(), array.data(), count);
-        const uint8_t* written = cursor;
-        cursor = field.data();
-        _korBuf_DecodeBitmask(KOR_AT(message.ex, 0), &cursor, written, again.data(), count);
-        demand(message.ex->code == 0 && cursor == written && again == array);
+    korEx* ex = message.ex;
+    Bytes array(static_cast<size_t>(count));
+    _korBuf_DecodeBitmask(KOR_AT(ex, 0), &message.cursor, message.end, array.data(), count);
+    if (ex->code == 0) {
+        Message field = {ex, Bytes(2 * array.size() + 8)};
+        Bytes again(array.size(), 0xee);
+        _korBuf_EncodeBitmask(KOR_AT(ex, 0), &field.cursor, field.end, array.data(), count);
+        const uint8_t* written = std::exchange(field.cursor, field.bytes.data());
+        _korBuf_DecodeBitmask(KOR_AT(ex, 0), &field.cursor, written, again.data(), count);
+        demand(ex->code == 0 && field.cursor == written && again == array);
     }
 }
 
-void readRuns(Message& message, int32_t choice)
+void readRun(Message& message, int32_t choice)
 {
+    korEx* ex = message.ex;
+    uint8_t* from = message.cursor;
     void* data = nullptr;
     char* text = nullptr;
     int32_t length = choice;
     if (choice % 3 == 0) {
-        _korBuf_DecodeUTF8(KOR_AT(message.ex, 0), &message.cursor, message.end, &text, 0);
-        demand(message.ex->code != 0 ||
-               std::strlen(text) + 1 == static_cast<size_t>(message.cursor - reinterpret_cast<uint8_t*>(text)));
-        return;
-    }
-    if (choice % 3 == 1) {
-        _korBuf_DecodeBytes(KOR_AT(message.ex, 0), &message.cursor, message.end, &data, &length, 0);
+        _korBuf_DecodeUTF8(KOR_AT(ex, 0), &message.cursor, message.end, &text, 0);
+        demand(ex->code != 0 || from + std::strlen(text) + 1 == message.cursor);
+    } else if (choice % 3 == 1) {
+        _korBuf_DecodeBytes(KOR_AT(ex, 0), &message.cursor, message.end, &data, &length, 0);
+        demand(ex->code != 0 || from + sizeof length + std::max(length, 0) == message.cursor);
     } else {
-        _korBuf_DecodeNBytes(KOR_AT(message.ex, 0), &message.cursor, message.end, &data, length, 0);
+        _korBuf_DecodeNBytes(KOR_AT(ex, 0), &message.cursor, message.end, &data, length, 0);
+        demand(ex->code != 0 || from + length == message.cursor);
     }
-    if (message.ex->code == 0 && length > 0) {
-        demand(static_cast<uint8_t*>(data) + length == message.cursor);
-    }
+    demand(data == nullptr || ex->code != 0 || length < 0 || static_cast<uint8_t*>(data) + length == message.cursor);
 }
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void check(korEx* ex, const std::string& input)
 {
-    if (size < 3) {
-        return 0;
+    if (input.size() < 3) {
+        return;
     }
-    Message message = {korEx_Create(), std::vector<uint8_t>(data + 3, data + size)};
-    int32_t argument = data[1] << 8 | data[2];
-    for (int step = 0; step < 64 && message.ex->code == 0 && message.cursor < message.end; step++) {
-        switch ((data[0] >> step % 4 * 2) % 4) {
+    Message message = {ex, Bytes(input.begin() + 3, input.end())};
+    int32_t argument = static_cast<uint8_t>(input[1]) << 8 | static_cast<uint8_t>(input[2]);
+    for (int step = 0; step < 64 && ex->code == 0 && message.cursor < message.end; step++) {
+        switch (static_cast<uint8_t>(input[0]) >> step % 4 * 2 & 3) {
         case 0:
             readHeaderInt(message);
             break;
@@ -123,9 +108,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             readBitmask(message, argument % 600);
             break;
         default:
-            readRuns(message, argument);
+            readRun(message, argument);
         }
     }
-    korEx_Destroy(message.ex);
-    return 0;
 }
+
+} // namespace kor::fuzz

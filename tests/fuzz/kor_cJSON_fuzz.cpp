@@ -1,20 +1,11 @@
 // kor_cJSON_fuzz.cpp - JSON of any bytes: what was read is printed, and reads again; a second time nothing changes.
 
+#include "fuzz.h"
+
 #include "korutil/kor_cJSON.h"
 
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-
+namespace kor::fuzz {
 namespace {
-
-void demand(bool holds)
-{
-    if (!holds) {
-        std::abort();
-    }
-}
 
 std::string printed(const kor_cJSON* item, int32_t format)
 {
@@ -23,12 +14,6 @@ std::string printed(const kor_cJSON* item, int32_t format)
     std::string copy(text);
     _kor_cJSON_Free(text);
     return copy;
-}
-
-// A number that is none in JSON, beyond all doubles, is printed as a word.
-bool isReadable(const std::string& text)
-{
-    return text.find("inf") == std::string::npos && text.find("nan") == std::string::npos;
 }
 
 // What this text reads as, in print.
@@ -41,10 +26,11 @@ std::string readAgain(const std::string& text)
     return again;
 }
 
-void check(const kor_cJSON* item)
+void checkItem(const kor_cJSON* item)
 {
     std::string text = printed(item, 0);
-    if (isReadable(text)) {
+    // A number beyond all doubles is printed as a word, which is none in JSON.
+    if (text.find("inf") == std::string::npos && text.find("nan") == std::string::npos) {
         std::string again = readAgain(text); // rounded digits may make a number a whole one, which is written otherwise
         demand(readAgain(again) == again);
     }
@@ -55,18 +41,19 @@ void check(const kor_cJSON* item)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void check(korEx*, const std::string& input)
 {
-    std::string source(reinterpret_cast<const char*>(data), size);
-    const char* cursor = source.c_str();
+    std::string text = textOf(input);
+    const char* cursor = text.c_str();
     while (kor_cJSON* item = _kor_cJSON_ParseEx(&cursor)) {
-        demand(cursor > source.c_str() && cursor <= source.c_str() + source.size());
-        check(item);
+        demand(cursor > text.c_str() && cursor <= text.c_str() + text.size());
+        checkItem(item);
         _kor_cJSON_Delete(item);
     }
-    _kor_cJSON_Delete(_kor_cJSON_ParseWithOpts(source.c_str(), &cursor, 1));
-    std::string minified = source.c_str();
+    _kor_cJSON_Delete(_kor_cJSON_ParseWithOpts(text.c_str(), &cursor, 1));
+    std::string minified = text;
     _kor_cJSON_Minify(minified.data());
-    demand(std::strlen(minified.c_str()) <= std::strlen(source.c_str()));
-    return 0;
+    demand(std::strlen(minified.c_str()) <= text.size());
 }
+
+} // namespace kor::fuzz

@@ -1,48 +1,31 @@
-// password_fuzz.cpp - password files of any bytes, into buffers of any size up to a line's: all texts that were written
-// end inside their buffers, which the address sanitizer watches.
+// password_fuzz.cpp - password files of any bytes, into buffers of any size up to a line's: a password ends inside its
+// buffer, and the address sanitizer watches what lies behind the buffers.
+
+#include "fuzz.h"
 
 #include "korutil/korPasswordFile.h"
 
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <string>
 #include <unistd.h>
-#include <vector>
 
-namespace {
-
-const std::string& path()
+void kor::fuzz::check(korEx* ex, const std::string& input)
 {
-    static const std::string name = "/tmp/korutil-password-fuzz-" + std::to_string(getpid());
-    return name;
-}
-
-void write(const uint8_t* data, size_t size)
-{
-    FILE* file = std::fopen(path().c_str(), "wb");
-    if (file == nullptr || std::fwrite(data, 1, size, file) != size) {
-        std::abort();
+    if (input.size() < 2) {
+        return;
     }
+    static const std::string path = "/tmp/korutil-password-fuzz-" + std::to_string(getpid());
+    FILE* file = std::fopen(path.c_str(), "wb");
+    demand(file != nullptr && std::fwrite(input.data() + 2, 1, input.size() - 2, file) == input.size() - 2);
     std::fclose(file);
-}
-
-} // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
-{
-    if (size < 2) {
-        return 0;
-    }
-    write(data + 2, size - 2);
-    std::vector<char> user(data[0] + size_t{1});
-    std::vector<char> password(data[1] + size_t{1});
-    korEx* ex = korEx_Create();
-    _korPasswordFile_GetUsernamePassword(KOR_AT(ex, 0), path().c_str(), user.data(), static_cast<int32_t>(user.size()),
-                                         password.data(), static_cast<int32_t>(password.size()));
+    std::string user(static_cast<uint8_t>(input[0]) + size_t{1}, '\0');
+    std::string password(static_cast<uint8_t>(input[1]) + size_t{1}, '\0');
+    auto userSize = static_cast<int32_t>(user.size());
+    auto passwordSize = static_cast<int32_t>(password.size());
+    _korPasswordFile_GetUsernamePassword(KOR_AT(ex, 0), path.c_str(), user.data(), userSize, password.data(),
+                                         passwordSize);
+    demand(ex->code != 0 || std::strlen(password.c_str()) < password.size());
     korEx_Clear(ex);
-    _korPasswordFile_GetPassword(KOR_AT(ex, 0), path().c_str(), password.data(), static_cast<int32_t>(password.size()));
-    std::remove(path().c_str());
-    korEx_Destroy(ex);
-    return 0;
+    _korPasswordFile_GetPassword(KOR_AT(ex, 0), path.c_str(), password.data(), passwordSize);
+    demand(std::strlen(password.c_str()) < password.size());
+    std::remove(path.c_str());
 }

@@ -1,41 +1,16 @@
 // topic_fuzz.cpp - topics of any bytes, one a line, stored, asked for and taken away again: what is stored is found,
 // its text comes back, and nothing stays behind.
 
+#include "fuzz.h"
+
 #include "korutil/korAlloc.h"
 #include "korutil/korTopicList.h"
 
 #include <algorithm>
-#include <cstdint>
-#include <cstdlib>
 #include <set>
-#include <string>
-#include <vector>
 
+namespace kor::fuzz {
 namespace {
-
-void demand(bool holds)
-{
-    if (!holds) {
-        std::abort();
-    }
-}
-
-// A text ends at a NUL, as a topic does.
-std::vector<std::string> linesOf(const uint8_t* data, size_t size)
-{
-    std::vector<std::string> lines(1);
-    for (size_t i = 0; i < size; i++) {
-        if (data[i] == '\n') {
-            lines.emplace_back();
-        } else {
-            lines.back() += static_cast<char>(data[i]);
-        }
-    }
-    for (std::string& line : lines) {
-        line.resize(line.find('\0') == std::string::npos ? line.size() : line.find('\0'));
-    }
-    return lines;
-}
 
 bool holds(const korDpa* found, uint64_t value)
 {
@@ -65,13 +40,13 @@ void ask(korEx* ex, korTopicList* list, const std::string& topic, uint64_t value
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void check(korEx* ex, const std::string& input)
 {
-    std::vector<std::string> topics = linesOf(data, size);
-    korEx* ex = korEx_Create();
     korTopicList* list = _korTopicList_Create(KOR_AT(ex, 0));
-    for (size_t i = 0; i < topics.size(); i++) {
-        store(ex, list, topics[i], i + 1);
+    std::vector<std::string> topics;
+    for (const std::string& line : piecesOf(input, '\n')) {
+        topics.push_back(textOf(line));
+        store(ex, list, topics.back(), topics.size());
     }
     for (size_t i = 0; i < topics.size(); i++) {
         ask(ex, list, topics[i], i + 1);
@@ -85,6 +60,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
            list->rootLevel->nodes->firstEntry == list->rootLevel->nodes->cursor);
     demand(korEx_GetErrorCode(ex) == 0);
     _korTopicList_Destroy(KOR_AT_D(0, ex), list);
-    korEx_Destroy(ex);
-    return 0;
 }
+
+} // namespace kor::fuzz

@@ -1,23 +1,16 @@
 // url_fuzz.cpp - URLs of any bytes: what was split goes back to text, and that text is split again without harm.
 
+#include "fuzz.h"
+
 #include "korutil/korUrl.h"
 
-#include <cstdint>
-#include <cstdlib>
-#include <cstring>
-#include <string>
-
+namespace kor::fuzz {
 namespace {
 
-void demand(bool holds)
+korUrl* parse(korEx* ex, const std::string& text)
 {
-    if (!holds) {
-        std::abort();
-    }
-}
-
-void readOptions(korEx* ex, korUrl* url)
-{
+    korUrl* url = _korUrl_Parse(KOR_AT(ex, 0), text.c_str());
+    demand(url != nullptr && korEx_GetErrorCode(ex) == 0);
     for (korUrlQuery* query = _korUrl_GetQueryList(url); query != nullptr; query = _korUrlQuery_GetNext(query)) {
         const char* key = _korUrlQuery_GetKey(query);
         demand(_korUrl_ContainsQuery(url, key));
@@ -28,31 +21,19 @@ void readOptions(korEx* ex, korUrl* url)
         _korUrl_GetQueryValueBytes(KOR_AT(ex, 0), url, key, 1);
         korEx_Clear(ex);
     }
-}
-
-std::string textOf(korEx* ex, const korUrl* url, size_t room)
-{
-    std::string text(room, '\0');
-    _korUrl_ToString(KOR_AT(ex, 0), url, text.data(), text.size());
-    demand(korEx_GetErrorCode(ex) == 0);
-    text.resize(std::strlen(text.c_str()));
-    return text;
+    return url;
 }
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void check(korEx* ex, const std::string& input)
 {
-    std::string source(reinterpret_cast<const char*>(data), size);
-    korEx* ex = korEx_Create();
-    korUrl* url = _korUrl_Parse(KOR_AT(ex, 0), source.c_str());
-    demand(url != nullptr && korEx_GetErrorCode(ex) == 0);
-    readOptions(ex, url);
-    std::string text = textOf(ex, url, size + 16); // "(null)" and no more is added
-    korUrl* again = _korUrl_Parse(KOR_AT(ex, 0), text.c_str());
-    readOptions(ex, again);
+    korUrl* url = parse(ex, input);
+    std::string text(input.size() + 16, '\0'); // "(null)" and no more is added
+    _korUrl_ToString(KOR_AT(ex, 0), url, text.data(), text.size());
+    demand(korEx_GetErrorCode(ex) == 0);
     _korUrl_Release(KOR_AT_D(0, ex), url);
-    _korUrl_Release(KOR_AT_D(0, ex), again);
-    korEx_Destroy(ex);
-    return 0;
+    _korUrl_Release(KOR_AT_D(0, ex), parse(ex, text));
 }
+
+} // namespace kor::fuzz
