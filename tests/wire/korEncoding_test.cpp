@@ -5,11 +5,11 @@
 #include "wireTest.h"
 
 #include <cstring>
+#include <optional>
 
 namespace {
 
 using namespace kor::test;
-using KorEncodingTest = KorTest;
 
 using Encoder = int32_t (*)(korEx*, uint8_t, const void*, int32_t, char*, int32_t);
 using Decoder = int32_t (*)(korEx*, uint8_t, void*, int32_t, const char*, int32_t);
@@ -18,33 +18,27 @@ using Encoded = std::pair<int32_t, std::string>;
 constexpr const char* noRoom64 = "Not enough room for base64 encoding.";
 constexpr const char* noRoom85 = "Not enough room for base85 encoding.";
 
-// Into exactly `room` bytes, so that the address sanitizer sees one too many.
-Encoded encode(korEx* ex, Encoder encoder, const std::string& bytes, size_t room)
+class KorEncodingTest : public KorTest
 {
-    std::vector<char> text(room, '?');
-    int32_t result = encoder(KOR_AT(ex, 0), bytes.data(), static_cast<int32_t>(bytes.size()), text.data(),
-                             static_cast<int32_t>(room));
-    return {result, room == 0 ? "" : text.data()};
-}
+protected:
+    // Into exactly `room` bytes, by default what base64 needs, so that the address sanitizer sees one too many.
+    Encoded encode(Encoder encoder, const std::string& bytes, std::optional<size_t> room = {})
+    {
+        std::vector<char> text(room.value_or(4 * bytes.size() / 3 + 5), '?');
+        int32_t result = encoder(KOR_AT(ex, 0), bytes.data(), static_cast<int32_t>(bytes.size()), text.data(),
+                                 static_cast<int32_t>(text.size()));
+        return {result, text.empty() ? "" : text.data()};
+    }
 
-Encoded encode64(korEx* ex, Encoder encoder, const std::string& bytes)
-{
-    return encode(ex, encoder, bytes, 4 * bytes.size() / 3 + 5);
-}
-
-// The bytes that count; nothing if the result is no count.
-std::string decode(korEx* ex, Decoder decoder, const std::string& text, size_t room)
-{
-    std::string bytes(room, '?');
-    int32_t count = decoder(KOR_AT(ex, 0), bytes.data(), static_cast<int32_t>(room), text.c_str(),
-                            static_cast<int32_t>(text.size()));
-    return bytes.substr(0, count < 0 ? 0 : static_cast<size_t>(count));
-}
-
-std::string decode64(korEx* ex, Decoder decoder, const std::string& text)
-{
-    return decode(ex, decoder, text, (text.size() + 3) / 4 * 3 + 3);
-}
+    // The bytes that count; nothing if the result is no count.
+    std::string decode(Decoder decoder, const std::string& text, std::optional<size_t> room = {})
+    {
+        std::string bytes(room.value_or((text.size() + 3) / 4 * 3 + 3), '?');
+        int32_t count = decoder(KOR_AT(ex, 0), bytes.data(), static_cast<int32_t>(bytes.size()), text.c_str(),
+                                static_cast<int32_t>(text.size()));
+        return bytes.substr(0, static_cast<size_t>(std::max(count, 0)));
+    }
+};
 
 TEST_F(KorEncodingTest, PublishedBase64)
 {
@@ -55,16 +49,16 @@ TEST_F(KorEncodingTest, PublishedBase64)
         auto [bytes, text] = sides(row);
         auto length = static_cast<int32_t>(text.size());
         std::string unpadded(text.c_str(), strcspn(text.c_str(), "="));
-        EXPECT_EQ(encode64(ex, _korBase64_Encode, bytes), (Encoded{length, text}));
-        EXPECT_EQ(encode64(ex, _korBase64Url_Encode, bytes), (Encoded{length, unpadded}));
-        EXPECT_EQ(decode64(ex, _korBase64_Decode, text), bytes);
-        EXPECT_EQ(decode64(ex, _korBase64Url_Decode, unpadded), bytes);
+        EXPECT_EQ(encode(_korBase64_Encode, bytes), (Encoded{length, text}));
+        EXPECT_EQ(encode(_korBase64Url_Encode, bytes), (Encoded{length, unpadded}));
+        EXPECT_EQ(decode(_korBase64_Decode, text), bytes);
+        EXPECT_EQ(decode(_korBase64Url_Decode, unpadded), bytes);
     }
-    EXPECT_EQ(encode64(ex, _korBase64_Encode, "\xfb\xff\xfe"), (Encoded{4, "+//+"}));
-    EXPECT_EQ(encode64(ex, _korBase64Url_Encode, "\xfb\xff\xfe"), (Encoded{4, "-__-"}));
-    EXPECT_EQ(decode64(ex, _korBase64_Decode, "-_/+"), "\xfb\xff\xfe"); // one table for both
-    for (const char* bad : {"A*A=", "=AAA"}) {                          // padding counts wherever it stands
-        EXPECT_EQ(decode64(ex, _korBase64_Decode, bad), std::string(2, '\0'));
+    EXPECT_EQ(encode(_korBase64_Encode, "\xfb\xff\xfe"), (Encoded{4, "+//+"}));
+    EXPECT_EQ(encode(_korBase64Url_Encode, "\xfb\xff\xfe"), (Encoded{4, "-__-"}));
+    EXPECT_EQ(decode(_korBase64_Decode, "-_/+"), "\xfb\xff\xfe"); // one table for both
+    for (const char* bad : {"A*A=", "=AAA"}) {                    // padding counts wherever it stands
+        EXPECT_EQ(decode(_korBase64_Decode, bad), std::string(2, '\0'));
     }
     char bytes[6];
     EXPECT_EQ(_korBase64_Decode(KOR_AT(ex, 0), bytes, sizeof bytes, "====", 4), -1);
@@ -76,12 +70,12 @@ TEST_F(KorEncodingTest, Base64RoomIsTestedToTheByte)
     for (Encoder encoder : {_korBase64_Encode, _korBase64Url_Encode}) {
         for (size_t length : {0U, 1U, 2U, 3U, 47U}) {
             std::string bytes(length, 'x');
-            encode64(ex, encoder, bytes);
+            encode(encoder, bytes);
             EXPECT_CLEAN();
-            EXPECT_EQ(encode(ex, encoder, bytes, 4 * length / 3 + 4), (Encoded{0, ""}));
+            EXPECT_EQ(encode(encoder, bytes, 4 * length / 3 + 4), (Encoded{0, ""}));
             EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, noRoom64);
         }
-        EXPECT_EQ(encode(ex, encoder, "", 0), (Encoded{0, ""}));
+        EXPECT_EQ(encode(encoder, "", 0), (Encoded{0, ""}));
         EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, noRoom64);
         char text[8] = "x";
         EXPECT_EQ(encoder(KOR_AT(ex, 0), text, INT32_MAX, text, 8), 0);
@@ -89,30 +83,30 @@ TEST_F(KorEncodingTest, Base64RoomIsTestedToTheByte)
         EXPECT_EQ(_korBase64_Decode(KOR_AT(ex, 0), text, 8, text, INT32_MAX), 0);
         EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, noRoom64);
     }
-    EXPECT_EQ(decode(ex, _korBase64_Decode, "AAAAA", 9).size(), 3U);
-    EXPECT_EQ(decode(ex, _korBase64_Decode, "AAAAA", 8), "");
+    EXPECT_EQ(decode(_korBase64_Decode, "AAAAA", 9).size(), 3U);
+    EXPECT_EQ(decode(_korBase64_Decode, "AAAAA", 8), "");
     EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, noRoom64);
 }
 
 TEST_F(KorEncodingTest, PublishedZ85)
 {
     const std::string key = "\x86\x4F\xD2\x6F\xB5\x59\xF7\x5B"; // ZeroMQ RFC 32
-    EXPECT_EQ(encode(ex, _korBase85_Encode, key, 11), (Encoded{10, "HelloWorld"}));
-    EXPECT_EQ(decode(ex, _korBase85_Decode, "HelloWorld", 8), key);
-    EXPECT_EQ(encode(ex, _korBase85_Encode, key, 10), (Encoded{0, ""}));
+    EXPECT_EQ(encode(_korBase85_Encode, key, 11), (Encoded{10, "HelloWorld"}));
+    EXPECT_EQ(decode(_korBase85_Decode, "HelloWorld", 8), key);
+    EXPECT_EQ(encode(_korBase85_Encode, key, 10), (Encoded{0, ""}));
     EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, noRoom85);
-    EXPECT_EQ(encode(ex, _korBase85_Encode, "seven..", 11), (Encoded{0, ""}));
+    EXPECT_EQ(encode(_korBase85_Encode, "seven..", 11), (Encoded{0, ""}));
     EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, "Accepts byte arrays bounded to 4 bytes");
-    decode(ex, _korBase85_Decode, "HelloWorl", 8);
+    decode(_korBase85_Decode, "HelloWorl", 8);
     EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, "Accepts strings bounded to 5 bytes");
-    decode(ex, _korBase85_Decode, "HelloWorld", 7);
+    decode(_korBase85_Decode, "HelloWorld", 7);
     EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, noRoom85);
     uint8_t four[4];
     EXPECT_EQ(_korBase85_Decode(KOR_AT(ex, 0), four, 4, "HelloWorld", 5), 0); // the text is longer than was said
     EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, noRoom85);
-    decode(ex, _korBase85_Decode, "\x01\x80\xff ~", 4); // nothing of the alphabet
+    decode(_korBase85_Decode, "\x01\x80\xff ~", 4); // nothing of the alphabet
     // Positions are counted in 16 bits: of 65540 characters the last four are the first.
-    Encoded wrapped = encode(ex, _korBase85_Encode, std::string(4 * 13108, '\xff'), 65541);
+    Encoded wrapped = encode(_korBase85_Encode, std::string(4 * 13108, '\xff'), 65541);
     EXPECT_EQ(wrapped.first, 4);
     EXPECT_EQ(wrapped.second.size(), 4U);
 }
@@ -145,11 +139,11 @@ TEST_F(KorEncodingTest, RandomBytesSurviveEveryForm)
             byte = static_cast<char>(random.next());
         }
         for (Encoder encoder : {_korBase64_Encode, _korBase64Url_Encode}) {
-            EXPECT_EQ(decode64(ex, _korBase64_Decode, encode64(ex, encoder, bytes).second), bytes);
+            EXPECT_EQ(decode(_korBase64_Decode, encode(encoder, bytes).second), bytes);
         }
         bytes.resize(bytes.size() / 4 * 4);
-        std::string text = encode(ex, _korBase85_Encode, bytes, bytes.size() * 5 / 4 + 1).second;
-        EXPECT_EQ(decode(ex, _korBase85_Decode, text, bytes.size()), bytes);
+        std::string text = encode(_korBase85_Encode, bytes, bytes.size() * 5 / 4 + 1).second;
+        EXPECT_EQ(decode(_korBase85_Decode, text, bytes.size()), bytes);
     }
 }
 
