@@ -267,6 +267,10 @@ TEST_F(KorBuf, VariableIntegers)
     message("80"); // a form that the writer does not use
     EXPECT_EQ(_korBuf_ReadVarInt(ex, 0, &cursor, end, end, &large), 1);
     EXPECT_EQ(large, -64);
+    cursor = start;
+    KOR_RAISE(ex, 0, KOR_ERROR_EXCEPTION, "pending");
+    EXPECT_EQ(_korBuf_ReadVarInt(ex, 0, &cursor, end, end, &large) + _korBuf_VarIntWireSize(ex, 0, 5), 0);
+    EXPECT_RAISED(KOR_ERROR_EXCEPTION, "pending");
 }
 
 // The nodes from `level` down, written by the rule itself.
