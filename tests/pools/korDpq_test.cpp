@@ -133,34 +133,6 @@ TEST_F(KorDpq, SortedUseAgainstAModelFromEveryStart)
     }
 }
 
-// Of two ways of the same length an insertion moves the front and a removal the back.
-TEST_F(KorDpq, TheShorterSideMoves)
-{
-    struct Case {
-        uint64_t place;
-        bool insert, frontMoves;
-    };
-    const Case cases[] = {{1, true, true},  {2, true, true},   {3, true, false},
-                          {1, false, true}, {2, false, false}, {3, false, false}};
-    for (uint64_t offset = 0; offset < 8; offset++) {
-        for (const Case& c : cases) {
-            start(8, offset);
-            for (uint64_t value = 10; value <= 50; value += 10) {
-                _korDpq_Push(ex, 0, &queue, value);
-            }
-            int32_t first = queue.first;
-            int32_t last = queue.last;
-            if (c.insert) {
-                _korDpq_AddOrderedEx(ex, 0, &queue, c.place * 10 + 5, nullptr, 0);
-            } else {
-                _korDpq_Remove(&queue, indexAt(&queue, c.place));
-            }
-            EXPECT_EQ(queue.first != first, c.frontMoves) << c.place << c.insert;
-            EXPECT_EQ(queue.last != last, !c.frontMoves) << c.place << c.insert;
-        }
-    }
-}
-
 TEST_F(KorDpq, TheLastValueLeavesBothEndsAtZero)
 {
     EXPECT_EQ(_korDpq_FindOrdered(&queue, 5, nullptr), -1);

@@ -97,15 +97,6 @@ protected:
     korPool* pool_ = nullptr;
 };
 
-TEST_F(PoolMemoryTest, ALoneFreeBlockStays)
-{
-    createFree(1);
-    for (int i = 0; i < 4; i++) {
-        pass();
-        EXPECT_EQ(marks(), "-");
-    }
-}
-
 TEST_F(PoolMemoryTest, ABlockGoesOnThePassAfterItsMark)
 {
     createFree(3);
@@ -154,21 +145,6 @@ TEST_F(PoolMemoryTest, ABlockInUseIsPassedOver)
     }
     EXPECT_EQ(blocks().size(), 2u) << "the one in use and the one that is spared";
     giveHome({kept});
-}
-
-TEST_F(PoolMemoryTest, AMarkOutlastsUse)
-{
-    createFree(2);
-    pass();
-    ASSERT_EQ(marks(), "-x");
-    korPoolBlock* marked = pool_->tail;
-    std::vector<void*> chunks = get(2 * perBlock);
-    pass();
-    EXPECT_EQ(marked->idle, 1) << "in use it stays, and so does its mark";
-    giveHome(chunks);
-    pass();
-    EXPECT_EQ(marks(), "-");
-    EXPECT_NE(pool_->head, marked);
 }
 
 // Blocks that are carved in part count as free when all that was carved is back; what was not carved meets no end. An

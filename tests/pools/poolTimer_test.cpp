@@ -113,16 +113,3 @@ TEST_F(PoolTimerTest, ADestroyDoesNotWaitForAPass)
     await(blocks * perBlock - 1); // the last ones go with the pool, which the task has kept
     _korutil_Close(KOR_AT_D(0, ex));
 }
-
-// Whatever could not be had, the task's reference is not left behind.
-TEST_F(PoolTimerTest, APoolWithoutATaskIsNone)
-{
-    _korPool_Destroy(KOR_AT_D(0, ex), pool);
-    sweepFailures(ex, [&] {
-        korPool* own = _korPool_Create(KOR_AT(ex, 0), perBlock, 16, nullptr, nullptr, 1, perBlock);
-        EXPECT_EQ(own == nullptr, ex->code != 0);
-        _korPool_Destroy(KOR_AT_D(0, ex), own);
-    });
-    await(perBlock);
-    _korutil_Close(KOR_AT_D(0, ex));
-}
