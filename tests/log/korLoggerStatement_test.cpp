@@ -278,22 +278,6 @@ TEST_F(KorStatementTest, AStatementSurvivesShortMemory)
     }
 }
 
-TEST_F(KorStatementTest, ACallbackMayLog)
-{
-    static int calls;
-    calls = 0;
-    _korLogger_SetLogCallback(
-        KOR_AT(ex, 0),
-        [](korDateTime, const char*, void*) {
-            if (calls++ == 0) {
-                _korLogger_LogExN(29, nullptr, 100, nullptr, "from inside");
-            }
-        },
-        nullptr);
-    _korLogger_LogExN(29, nullptr, 100, nullptr, "from outside");
-    EXPECT_EQ(calls, 2);
-}
-
 TEST_F(KorStatementTest, AListOfArgumentsMakesTheSameStatement)
 {
     Receiver receiver;

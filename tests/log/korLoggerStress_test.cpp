@@ -168,32 +168,6 @@ TEST_F(KorLoggerStressTest, AHandlerSetUnderWayLosesNothing)
     }
 }
 
-// Rolling under way: what the kept files hold is whole, and no file exceeds its limit by more than a statement.
-TEST_F(KorLoggerStressTest, RollingFilesHoldWholeStatements)
-{
-    Folder folder;
-    constexpr uint64_t logKey = 901;
-    constexpr uint64_t maxSize = 20000;
-    _korLogger_SetLogFiles(KOR_AT(ex, 0), folder.path("global").c_str(), maxSize, 3);
-    _korLogger_SetLogFilesForId(KOR_AT(ex, 0), logKey, folder.path("own").c_str(), maxSize, 3);
-    korLogSourceEx source = {};
-    _korLogger_SetLogSource(logKey, 29, "own", nullptr, &source);
-    runWriters(source, [](int) { std::this_thread::yield(); });
-    _korLogger_Uninitialize(KOR_AT_D(0, ex));
-    EXPECT_EQ(folder.names(),
-              (std::vector<std::string>{"global.0", "global.1", "global.2", "own.0", "own.1", "own.2"}));
-    for (const std::string& name : folder.names()) {
-        std::string text = folder.text(name);
-        EXPECT_LE(text.size(), maxSize + 200) << name;
-        EXPECT_TRUE(text.ends_with(">\n")) << name;
-        std::istringstream lines(text);
-        for (std::string line; std::getline(lines, line);) {
-            ASSERT_EQ(line.find('>'), line.size() - 1) << line;
-            ASSERT_NE(line.find(filling), std::string::npos) << line;
-        }
-    }
-}
-
 // The text of the last second is shared by all threads: none may see half of another's.
 TEST_F(KorLoggerStressTest, TimeStampsAreWhole)
 {

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <map>
+#include <numeric>
 #include <thread>
 
 namespace {
@@ -31,15 +32,6 @@ std::map<int, int32_t> changedLevels(const int32_t* levels, const std::map<int, 
 }
 
 // ---- Components and groups ------------------------------------------------------------------------------------------
-
-TEST_F(KorLoggerTest, EveryIdHasALevel)
-{
-    EXPECT_TRUE(changedLevels(gLoggingComponentLevels).empty());
-    _korLogger_SetLogLevelWithLevel(255, 3); // belongs to nobody, and to no other memory either
-    EXPECT_EQ(_korLogger_GetLogLevel(255), 3);
-    EXPECT_TRUE(changedLevels(gLoggingComponentLevels).empty());
-    _korLogger_SetLogLevelWithLevel(255, 127);
-}
 
 TEST_F(KorLoggerTest, RegistrationFindsATagAgain)
 {
@@ -77,64 +69,34 @@ TEST_F(KorLoggerTest, ComponentsRunOutAt128)
 
 TEST_F(KorLoggerTest, GroupsRunOutAt64AndHaveAtMost32Members)
 {
-    std::vector<uint8_t> members;
-    for (uint8_t id = 1; id <= 33; id++) {
-        members.push_back(id);
-    }
-    EXPECT_EQ(_korLogger_RegisterLogGroup(KOR_AT(ex, 0), "Many", members.data(), 33), 0u);
+    uint8_t members[33];
+    std::iota(std::begin(members), std::end(members), uint8_t{1});
+    auto add = [&](const std::string& tag, uint32_t count) {
+        return _korLogger_RegisterLogGroup(KOR_AT(ex, 0), tag.c_str(), members, count);
+    };
+    EXPECT_EQ(add("Many", 33), 0u);
     EXPECT_RAISED(16, "Too many components per group");
-    EXPECT_EQ(_korLogger_RegisterLogGroup(KOR_AT(ex, 0), letters(129).c_str(), members.data(), 1), 0u);
+    EXPECT_EQ(add(letters(129), 1), 0u);
     EXPECT_RAISED(16, "Invalid groupTag value");
-    EXPECT_EQ(_korLogger_RegisterLogGroup(KOR_AT(ex, 0), "Many", members.data(), 0), 0u);
-    EXPECT_EQ(_korLogger_RegisterLogGroup(KOR_AT(ex, 0), nullptr, members.data(), 1), 0u);
-    EXPECT_EQ(_korLogger_RegisterLogGroup(KOR_AT(ex, 0), "Many", nullptr, 1), 0u);
-    EXPECT_EQ(_korLogger_RegisterLogGroup(KOR_AT(ex, 0), "Many", members.data(), 32), 7u);
+    EXPECT_EQ(add("Many", 0), 0u);
+    EXPECT_EQ(_korLogger_RegisterLogGroup(KOR_AT(ex, 0), nullptr, members, 1), 0u);
+    EXPECT_EQ(add("Many", 32), 7u);
     for (uint64_t id = 8; id <= 64; id++) {
-        ASSERT_EQ(_korLogger_RegisterLogGroup(KOR_AT(ex, 0), ("g" + std::to_string(id)).c_str(), &members[id % 32], 1),
-                  id);
+        ASSERT_EQ(add("g" + std::to_string(id), 1), id);
     }
-    EXPECT_EQ(_korLogger_RegisterLogGroup(KOR_AT(ex, 0), "g65", members.data(), 1), 0u);
+    EXPECT_EQ(add("g65", 1), 0u);
     EXPECT_RAISED(8, "The number of log groups exceeded maximum");
-
     _korLogger_SetLogLevels(KOR_AT(ex, 0), "many:warn");
     EXPECT_EQ(changedLevels(gLoggingComponentLevels).size(), 32u);
-    EXPECT_EQ(_korLogger_GetLogLevel(33), 100);
-}
-
-TEST_F(KorLoggerTest, ALaterGroupTakesTheName)
-{
-    const uint8_t first[] = {10, 11};
-    const uint8_t second[] = {12, 0, 13}; // ends at the 0
-    EXPECT_EQ(_korLogger_RegisterLogGroup(KOR_AT(ex, 0), "pair", first, 2), 7u);
-    EXPECT_EQ(_korLogger_RegisterLogGroup(KOR_AT(ex, 0), "PAIR", second, 3), 8u);
-    _korLogger_SetLogLevels(KOR_AT(ex, 0), "Pair:warn");
-    EXPECT_EQ(changedLevels(gLoggingComponentLevels), (std::map<int, int32_t>{{12, 110}}));
-}
-
-TEST_F(KorLoggerTest, RegistrationNeedsTheSystem)
-{
-    const uint8_t member = 1;
-    _korLogger_Uninitialize(KOR_AT_D(0, ex));
-    EXPECT_EQ(_korLogger_RegisterComponent(KOR_AT(ex, 0), "early", "x"), 0);
-    EXPECT_RAISED(5, "The logging system is not initialized.");
-    EXPECT_EQ(_korLogger_RegisterLogGroup(KOR_AT(ex, 0), "early", &member, 1), 0u);
-    EXPECT_RAISED(5, "The logging system is not initialized.");
-    _korLogger_LogExN(1, "name", 127, nullptr, "goes nowhere"); // once ended it does not come up by itself
-    _korLogger_SetLogLevels(KOR_AT(ex, 0), "tcp:warn");
-    _korLogger_SetLogLevelsForId(KOR_AT(ex, 0), 9, "tcp:warn");
-    EXPECT_RAISED(5, "The logging system is not initialized.");
-    EXPECT_EQ(loggerIdOf(9), 0u);
 }
 
 TEST_F(KorLoggerTest, LevelsOfTheOlderScaleAreTold)
 {
-    struct {
-        int32_t given, stored;
-    } const cases[] = {{1000, 100}, {100, 100},        {127, 127},       {-128, -128}, {128, 12},
-                       {-129, -12}, {INT32_MIN, -128}, {INT32_MAX, 127}, {0, 0},       {855, 85}};
-    for (const auto& each : cases) {
-        _korLogger_SetLogLevel(29, each.given);
-        EXPECT_EQ(_korLogger_GetLogLevel(29), each.stored) << each.given;
+    const std::pair<int32_t, int32_t> cases[] = {{1000, 100}, {127, 127},        {-128, -128},     {128, 12},
+                                                 {-129, -12}, {INT32_MIN, -128}, {INT32_MAX, 127}, {855, 85}};
+    for (auto [given, stored] : cases) {
+        _korLogger_SetLogLevel(29, given);
+        EXPECT_EQ(_korLogger_GetLogLevel(29), stored) << given;
     }
     _korLogger_SetLogLevelToDefault(29);
     EXPECT_EQ(_korLogger_GetLogLevel(29), 100);
@@ -144,7 +106,7 @@ TEST_F(KorLoggerTest, LevelsOfTheOlderScaleAreTold)
 
 using Levels = std::map<int, int32_t>;
 
-Levels everyComponentAt(int32_t level, std::initializer_list<int> extra = {})
+Levels everyComponentAt(int32_t level)
 {
     Levels all;
     for (int component = 0; component <= 64; component++) {
@@ -152,66 +114,50 @@ Levels everyComponentAt(int32_t level, std::initializer_list<int> extra = {})
             all[component] = level;
         }
     }
-    for (int component : extra) {
-        all[component] = level;
-    }
     return all;
 }
 
-struct SpecificationCase {
-    const char* specification;
+struct LevelListCase {
+    const char* list;
     Levels changed;       // of the global logger
     Levels changedPerKey; // of a logger of a key
-    bool bad;             // raises, and is not remembered
-    bool badPerKey;
+    bool bad = false;     // raises, and is not remembered
+    bool badPerKey = false;
 };
 
 const Levels none;
 
-const SpecificationCase specifications[] = {
-    {"debug", everyComponentAt(80), everyComponentAt(80), false, false},
-    {"executor:debug", {{5, 80}}, {{5, 80}}, false, false},
-    {"EXECUTOR:debug", {{5, 80}}, {{5, 80}}, false, false},
+const LevelListCase levelLists[] = {
+    {"debug", everyComponentAt(80), everyComponentAt(80)},
+    {"executor:debug", {{5, 80}}, {{5, 80}}},
+    {"EXECUTOR:debug", {{5, 80}}, {{5, 80}}},
     {"executor:Debug", none, none, true, true},
-    {"exec:debug", none, none, false, false}, // a short tag is no tag
-    {"all:warn", everyComponentAt(110), everyComponentAt(110), false, false},
-    {"ALL:warn", none, none, false, false},
-    {"all:warn;tcp:info;all:off;tcp:debug",
-     [] {
-         Levels all = everyComponentAt(127);
-         all.erase(0); // was there
-         all[29] = 80;
-         return all;
-     }(),
-     [] {
-         Levels all = everyComponentAt(127);
-         all[29] = 80;
-         return all;
-     }(),
-     false, false},
-    {"io:warn", {{3, 110}, {4, 110}, {9, 110}}, {{3, 110}, {4, 110}, {9, 110}}, false, false},
-    {"store:warn", {{37, 110}}, {{37, 110}}, false, false}, // the component goes before the group
-    {"tcp:warn;info", {{29, 110}}, {{29, 110}}, false, false},
-    {"warn;tcp:debug", {{29, 80}}, {{29, 80}}, false, false},
+    {"exec:debug", none, none}, // a short tag is no tag
+    {"all:warn", everyComponentAt(110), everyComponentAt(110)},
+    {"ALL:warn", none, none},
+    {"io:warn", {{3, 110}, {4, 110}, {9, 110}}, {{3, 110}, {4, 110}, {9, 110}}},
+    {"store:warn", {{37, 110}}, {{37, 110}}}, // the component goes before the group
+    {"tcp:warn;info", {{29, 110}}, {{29, 110}}},
+    {"warn;tcp:debug", {{29, 80}}, {{29, 80}}},
     {"warn;severe", everyComponentAt(120), none, false, true},
     {"warn;;severe", everyComponentAt(110), none, false, true},
     {"warn;", everyComponentAt(110), none, false, true},
     {";warn", none, none, false, true},
     {";", none, none, false, true},
     {"", none, none, true, true},
-    {"tcp:warn;;shm:warn", {{29, 110}}, {{29, 110}}, false, false},
-    {";tcp:warn", none, none, false, false},
+    {"tcp:warn;;shm:warn", {{29, 110}}, {{29, 110}}},
+    {";tcp:warn", none, none},
     {"bad;warn", everyComponentAt(110), none, true, true},
     {"tcp:bad;shm:warn", {{28, 110}}, {{28, 110}}, true, true},
     {"tcp:", none, none, true, true},
-    {":warn", none, none, false, false},
+    {":warn", none, none},
     {"tcp:warn:debug", none, none, true, true}, // split at the first ":"
     {"tcp: warn", none, none, true, true},
-    {"unknown:warn;tcp:warn", {{29, 110}}, {{29, 110}}, false, false},
+    {"unknown:warn;tcp:warn", {{29, 110}}, {{29, 110}}},
     {"unknown:bad", none, none, true, true},
 };
 
-class SpecificationTest : public LoggerTest
+class LevelListTest : public LoggerTest
 {
 protected:
     void expectRemembered(uint64_t logKey, const std::string& text)
@@ -223,32 +169,32 @@ protected:
     }
 };
 
-TEST_F(SpecificationTest, GlobalLevels)
+TEST_F(LevelListTest, GlobalLevels)
 {
     StreamCapture console(StreamCapture::error); // what is told under debug
-    for (const SpecificationCase& each : specifications) {
-        SCOPED_TRACE(each.specification);
+    for (const LevelListCase& each : levelLists) {
+        SCOPED_TRACE(each.list);
         SetUp();
         _korLogger_SetLogLevelWithLevel(29, 95); // a bad level gives 100 to its tag
-        korLogger_SetLogLevels(ex, each.specification);
+        korLogger_SetLogLevels(ex, each.list);
         if (each.bad) {
             EXPECT_RAISED(1, "No such log level");
         }
-        Levels usual = {{29, each.bad && std::string(each.specification).starts_with("tcp") ? 100 : 95}};
+        Levels usual = {{29, each.bad && std::string(each.list).starts_with("tcp") ? 100 : 95}};
         EXPECT_EQ(changedLevels(gLoggingComponentLevels, usual), each.changed);
-        expectRemembered(0, each.bad ? "info" : each.specification);
+        expectRemembered(0, each.bad ? "info" : each.list);
     }
 }
 
-TEST_F(SpecificationTest, LevelsOfAKey)
+TEST_F(LevelListTest, LevelsOfAKey)
 {
     constexpr uint64_t logKey = 77;
     StreamCapture console(StreamCapture::error); // what is told under debug
-    for (const SpecificationCase& each : specifications) {
-        SCOPED_TRACE(each.specification);
+    for (const LevelListCase& each : levelLists) {
+        SCOPED_TRACE(each.list);
         SetUp();
         _korLogger_SetLogLevels(KOR_AT(ex, 0), "info");
-        _korLogger_SetLogLevelsForId(KOR_AT(ex, 0), logKey, each.specification);
+        _korLogger_SetLogLevelsForId(KOR_AT(ex, 0), logKey, each.list);
         if (each.badPerKey) {
             EXPECT_RAISED(1, "No such log level");
         }
@@ -262,17 +208,17 @@ TEST_F(SpecificationTest, LevelsOfAKey)
         unused[56] = 0;
         EXPECT_EQ(changedLevels(logger->levels, unused), each.changedPerKey);
         _korObjectMap_Release(KOR_AT_D(0, ex), loggerId);
-        expectRemembered(logKey, each.badPerKey ? "info" : each.specification);
+        expectRemembered(logKey, each.badPerKey ? "info" : each.list);
         bool writes = !each.changedPerKey.empty();
         EXPECT_EQ(gLoggerInitMapInUse, writes && !each.badPerKey ? 1u : 0u);
         EXPECT_TRUE(changedLevels(gLoggingComponentLevels, {{0, 100}}).empty());
     }
 }
 
-TEST_F(SpecificationTest, TracingOfMessages)
+TEST_F(LevelListTest, TracingOfMessages)
 {
     struct {
-        const char* specification;
+        const char* list;
         uint8_t before, message, full; // before: of both flags
     } const cases[] = {
         {"msg:debug", 0, 1, 0},
@@ -291,9 +237,9 @@ TEST_F(SpecificationTest, TracingOfMessages)
     const uint8_t full = 58;
     ASSERT_EQ(_korLogger_RegisterLogGroup(KOR_AT(ex, 0), "fullgroup", &full, 1), 7u);
     for (const auto& each : cases) {
-        SCOPED_TRACE(each.specification);
+        SCOPED_TRACE(each.list);
         gLoggingMsgTracingSet = gLoggingMsgFullTracingSet = each.before;
-        _korLogger_SetLogLevels(KOR_AT(ex, 0), each.specification);
+        _korLogger_SetLogLevels(KOR_AT(ex, 0), each.list);
         korEx_Clear(ex);
         EXPECT_EQ(gLoggingMsgTracingSet, each.message);
         EXPECT_EQ(gLoggingMsgFullTracingSet, each.full);
@@ -301,7 +247,7 @@ TEST_F(SpecificationTest, TracingOfMessages)
         uint64_t loggerId = loggerIdOf(5);
         auto* logger = static_cast<korLogger*>(_korObjectMap_Get(KOR_AT(ex, 0), loggerId));
         logger->msgTracing = logger->msgFullTracing = each.before;
-        _korLogger_SetLogLevelsForId(KOR_AT(ex, 0), 5, each.specification);
+        _korLogger_SetLogLevelsForId(KOR_AT(ex, 0), 5, each.list);
         korEx_Clear(ex);
         EXPECT_EQ(logger->msgTracing, each.message);
         EXPECT_EQ(logger->msgFullTracing, each.full);
@@ -314,40 +260,31 @@ TEST_F(SpecificationTest, TracingOfMessages)
     EXPECT_EQ(_korLogger_GetLogLevel(58), 80);
 }
 
-TEST_F(SpecificationTest, Validity)
+TEST_F(LevelListTest, Validity)
 {
-    struct {
-        const char* specification;
-        bool valid, raises;
-    } const cases[] = {
-        {"info", true, false},
-        {"thread_id", false, true},
-        {"precise_time", false, true},
-        {"info;warn", false, true},
-        {"", false, true},
-        {"all:warn", true, false},
-        {"All:warn", false, false},
-        {"TCP:warn;io:off", true, false},
-        {"tcp:warn;nonsense", true, false},
-        {"tcp:warn;;shm:off;", true, false},
-        {"tcp:warn;exec:off", false, false},
-        {"tcp:bad", false, true},
-        {"nobody:bad", false, true},
-        {":info", false, false},
-        {nullptr, false, false},
-    };
-    for (const auto& each : cases) {
-        SCOPED_TRACE(each.specification != nullptr ? each.specification : "NULL");
-        EXPECT_EQ(_korLogger_LevelSpecificationsAreValid(KOR_AT(ex, 0), each.specification), each.valid);
-        if (each.raises) {
-            EXPECT_RAISED(1, "No such log level");
-        } else {
-            EXPECT_CLEAN();
-        }
+    enum Verdict { valid, invalid, raises };
+    const std::pair<const char*, Verdict> cases[] = {{"info", valid},
+                                                     {"thread_id", raises},
+                                                     {"precise_time", raises},
+                                                     {"info;warn", raises},
+                                                     {"", raises},
+                                                     {"all:warn", valid},
+                                                     {"All:warn", invalid},
+                                                     {"TCP:warn;io:off", valid},
+                                                     {"tcp:warn;bad", valid},
+                                                     {"tcp:warn;;shm:off;", valid},
+                                                     {"exec:off", invalid},
+                                                     {"tcp:bad", raises},
+                                                     {"nobody:bad", raises},
+                                                     {":info", invalid},
+                                                     {nullptr, invalid}};
+    for (auto [list, verdict] : cases) {
+        SCOPED_TRACE(list != nullptr ? list : "NULL");
+        EXPECT_EQ(_korLogger_LevelSpecificationsAreValid(KOR_AT(ex, 0), list), verdict == valid);
+        EXPECT_TRUE(verdict == raises ? raised(ex, 1, "No such log level") : clean(ex));
     }
     KOR_RAISE(ex, 0, 100, "earlier");
     EXPECT_TRUE(_korLogger_LevelSpecificationsAreValid(KOR_AT(ex, 0), "bad"));
-    EXPECT_FALSE(_korLogger_LevelSpecificationsAreValid(KOR_AT(ex, 0), nullptr));
     _korLogger_SetLogLevels(KOR_AT(ex, 0), "warn");
     _korLogger_SetLogLevelsForId(KOR_AT(ex, 0), 3, "warn");
     EXPECT_EQ(_korLogger_GetLogLevelsForId(KOR_AT(ex, 0), 0, nullptr, 0), 0u);
@@ -355,7 +292,7 @@ TEST_F(SpecificationTest, Validity)
     EXPECT_TRUE(changedLevels(gLoggingComponentLevels).empty());
 }
 
-TEST_F(SpecificationTest, ABadOneForgetsTheLastAndAKeyFallsBack)
+TEST_F(LevelListTest, ABadOneForgetsTheLastAndAKeyFallsBack)
 {
     _korLogger_SetLogLevels(KOR_AT(ex, 0), "tcp:warn");
     expectRemembered(0, "tcp:warn");
@@ -373,7 +310,7 @@ TEST_F(SpecificationTest, ABadOneForgetsTheLastAndAKeyFallsBack)
     expectRemembered(4, "info");
 }
 
-TEST_F(SpecificationTest, ChangesAreToldUnderDebug)
+TEST_F(LevelListTest, ChangesAreToldUnderDebug)
 {
     Receiver global;
     Receiver own;
@@ -444,23 +381,6 @@ TEST_F(KorLoggerTest, ALoggerSpeaksForItselfOnceConfigured)
     EXPECT_EQ(_korLogger_GetLogLevel(29), 110);
 }
 
-TEST_F(KorLoggerTest, AKeyHasOneLogger)
-{
-    constexpr int threads = 4;
-    for (uint64_t logKey = 100; logKey < 120; logKey++) {
-        uint64_t ids[threads];
-        std::vector<std::thread> running;
-        for (uint64_t& id : ids) {
-            running.emplace_back([&id, logKey] { id = loggerIdOf(logKey); });
-        }
-        for (std::thread& thread : running) {
-            thread.join();
-        }
-        EXPECT_NE(ids[0], 0u);
-        EXPECT_EQ(std::count(ids, ids + threads, ids[0]), threads);
-    }
-}
-
 // The record of a statement under way outlives its key, and its end leaves the younger record of the key alone.
 TEST_F(KorLoggerTest, AKeyIsDestroyedUnderAStatement)
 {
@@ -513,42 +433,35 @@ TEST_F(KorLoggerTest, AnAlternateSpeaks)
 
 TEST_F(KorLoggerTest, SourcesAreFilledAndCut)
 {
-    korLogSource source;
+    auto expectSource = [](const korLogSource& source, int component, const std::string& name,
+                           const std::string& label) {
+        EXPECT_EQ(source.component, component);
+        EXPECT_EQ(source.name, name);
+        EXPECT_EQ(source.label, label);
+    };
+    korLogSource source, second;
     _korLogger_InitializeLogSource(&source, 12, "timer %d", 3);
-    EXPECT_EQ(source.component, 12);
-    EXPECT_STREQ(source.name, "timer 3");
-    EXPECT_STREQ(source.label, "");
     _korLogger_SetSrcLabel(KOR_AT(ex, 0), &source, "%s", letters(300).c_str());
-    EXPECT_EQ(std::string(source.label), letters(254));
-    korLogSource second;
+    expectSource(source, 12, "timer 3", letters(254));
     _korLogger_CopyLogSourceEx3(KOR_AT_D(0, ex), 13, letters(300).c_str(), "l", &second);
-    EXPECT_EQ(std::string(second.name), letters(255));
-    EXPECT_STREQ(second.label, "l");
+    expectSource(second, 13, letters(255), "l");
     _korLogger_CopySrcLabel(KOR_AT(ex, 0), &source, &second);
-    EXPECT_EQ(std::string(second.label), letters(254));
+    expectSource(second, 13, letters(255), letters(254));
     _korLogger_CopyLogSourceEx(KOR_AT_D(0, ex), 14, nullptr, &second);
-    EXPECT_EQ(second.component, 14);
-    EXPECT_STREQ(second.name, "");
-    EXPECT_STREQ(second.label, "");
+    expectSource(second, 14, "", "");
 
-    korLogSourceEx keyed;
+    korLogSourceEx keyed, copy = {};
     keyed.loggerId = 99;
     _korLogger_InitializeLogSourceEx(&keyed, 0, 15, "n");
     EXPECT_EQ(keyed.loggerId, 99u); // left as it is
     _korLogger_SetLogSource(0, 16, "name", "", &keyed);
     EXPECT_EQ(keyed.loggerId, 0u);
-    korLogSourceEx copy = {};
     _korLogger_CopySourceEx(&keyed, &copy);
-    EXPECT_EQ(copy.source.component, 16);
-    EXPECT_STREQ(copy.source.name, "name");
-
-    _korLogger_InitializeLogSource(nullptr, 1, "x");
-    _korLogger_SetLogSource(1, 1, "x", "x", nullptr);
     _korLogger_SetLogSourceEx(nullptr, &copy);
-    _korLogger_CopyLogSourceEx3(KOR_AT_D(0, ex), 1, "x", "x", nullptr);
+    expectSource(copy.source, 16, "name", "");
     KOR_RAISE(ex, 0, 100, "earlier");
     _korLogger_SetSrcLabel(KOR_AT(ex, 0), &source, "new");
-    EXPECT_EQ(std::string(source.label), letters(254));
+    expectSource(source, 12, "timer 3", letters(254));
     EXPECT_RAISED(100, "earlier");
 }
 
@@ -595,21 +508,6 @@ TEST_F(KorLoggerTest, AFailedFileSetCountsAsSet)
     EXPECT_RAISED(1, "Invalid filenamePrefix.");
     _korLogger_SetLogFilesForId(KOR_AT(ex, 0), 63, nullptr, 10, 2);
     EXPECT_RAISED(1, "Missing filenamePrefix, maxSize or maxFiles.");
-}
-
-TEST_F(KorLoggerTest, FilesTakeStatementsOfTheirLogger)
-{
-    Folder folder;
-    _korLogger_SetLogFiles(KOR_AT(ex, 0), folder.path("global").c_str(), 1000000, 2);
-    _korLogger_SetLogFilesForId(KOR_AT(ex, 0), 71, folder.path("own").c_str(), 1000000, 2);
-    _korLogger_LogExN(29, "n", 100, nullptr, "to the global file");
-    _korLogger_LogByKey(71, 29, nullptr, "l", 100, nullptr, 0, "to the own file");
-    _korLogger_LogByKey(72, 29, nullptr, nullptr, 100, nullptr, 0, "of no key");
-    std::string global = folder.text("global.0");
-    EXPECT_NE(global.find(" info  tcp: [n] to the global file\n"), std::string::npos);
-    EXPECT_NE(global.find(" info  tcp: of no key\n"), std::string::npos);
-    EXPECT_TRUE(folder.text("own.0").ends_with(" info  tcp: l to the own file\n"));
-    _korLogger_Uninitialize(KOR_AT_D(0, ex)); // closes what it opened, so that the folder can go
 }
 
 // ---- Memory ---------------------------------------------------------------------------------------------------------
