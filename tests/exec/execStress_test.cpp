@@ -23,7 +23,6 @@ constexpr uint64_t noLimit = UINT64_MAX;
 
 std::atomic<int64_t> ran;
 std::atomic<int64_t> freed;
-std::atomic<int64_t> recycled;
 
 /// A heap job. What ends its storage counts it.
 struct Work {
@@ -62,7 +61,6 @@ protected:
     {
         ran = 0;
         freed = 0;
-        recycled = 0;
     }
 
     void start(int32_t runners, int32_t spinCount)
@@ -215,54 +213,6 @@ TEST_P(ExecStressRunners, aJobIsFetchedResetAndRunAgain)
     });
     stop();
     EXPECT_EQ(freed, 2);
-    expectGone();
-}
-
-/// A job that runs itself again from its recycling, until its turns are used up.
-struct Turner {
-    korJob job;
-    korExecutor* executor;
-    int64_t turns; ///< left; changed by the one thread that has the job
-};
-
-void takeTurn(korEx*, uint8_t, korJob*)
-{
-    ran++;
-}
-
-bool recycleTurner(korEx* ex, uint8_t depth, korJob* job)
-{
-    auto* turner = reinterpret_cast<Turner*>(job);
-    if (--turner->turns == 0) {
-        return false;
-    }
-    recycled++;
-    _korJob_RunAndForget(KOR_AT(ex, depth), turner->executor, job);
-    return true;
-}
-
-void freeTurner(korEx*, uint8_t, korJob*)
-{
-    freed++;
-}
-
-TEST_F(ExecStress, recyclableJobsLiveOnUntilTheyAreRefused)
-{
-    constexpr int64_t turners = 50;
-    constexpr int64_t turns = 200;
-    start(3, 0);
-    std::vector<Turner> all(turners);
-    for (Turner& turner : all) {
-        turner = {.job = {}, .executor = executor, .turns = turns};
-        _korJob_Recyclable(KOR_AT(ex, 0), &turner.job, 0, takeTurn, recycleTurner, freeTurner);
-        _korJob_RunAndForget(KOR_AT(ex, 0), executor, &turner.job);
-    }
-    while (freed < turners) {
-        std::this_thread::yield();
-    }
-    stop();
-    EXPECT_EQ(ran, turners * turns);
-    EXPECT_EQ(recycled, turners * (turns - 1));
     expectGone();
 }
 

@@ -165,24 +165,6 @@ TEST_F(KorGlobalExecutorTest, ADrainWaitsForJobsButNotForItself)
     _korutil_Close(KOR_AT_D(0, ex)); // drains once more
 }
 
-TEST_F(KorGlobalExecutorTest, AClosingRunsWhatIsQueued)
-{
-    constexpr int jobs = 500;
-    _korutil_Open(KOR_AT(ex, 0), KORUTIL_LEVEL);
-    std::atomic<int> done = 0;
-    Work again = [&](korEx*, uint8_t) { done++; };
-    Work work = [&](korEx* own, uint8_t depth) {
-        done++;
-        _korExecutor_RunSimpleTask(KOR_AT(own, depth), call, &again);
-    };
-    for (int i = 0; i < jobs; i++) {
-        _korExecutor_RunSimpleUserTask(KOR_AT(ex, 0), call, &work);
-    }
-    _korutil_Close(KOR_AT_D(0, ex));
-    EXPECT_GE(done, jobs);
-    EXPECT_LE(done, 2 * jobs);
-}
-
 namespace {
 
 Semaphore* offloadedEnds;

@@ -97,26 +97,6 @@ TEST_F(KorHrTimerTest, ServiceFiresWhatIsDueAndLeavesTheRest)
     EXPECT_EQ(timer->nodes->count, 1);
 }
 
-TEST_F(KorHrTimerTest, CancelTakesBackExactlyOne)
-{
-    std::vector<uint64_t> ids;
-    for (int i = 0; i < 100; i++) {
-        ids.push_back(arm(50 + i % 7));
-    }
-    Random random;
-    std::shuffle(ids.begin(), ids.end(), std::mt19937_64(random.next()));
-    for (uint64_t id : ids) {
-        EXPECT_TRUE(_korHrTimer_Cancel(KOR_AT_D(0, ex), timer, id));
-        EXPECT_FALSE(_korHrTimer_Cancel(KOR_AT_D(0, ex), timer, id));
-    }
-    EXPECT_EQ(timer->nodes->count, 0);
-    uint64_t gone = arm(0);
-    _korHrTimer_ServiceTimers(KOR_AT(ex, 0), timer);
-    EXPECT_FALSE(_korHrTimer_Cancel(KOR_AT_D(0, ex), timer, gone));
-    EXPECT_FALSE(_korHrTimer_Cancel(KOR_AT_D(0, ex), timer, 0));
-    EXPECT_FALSE(_korHrTimer_Cancel(KOR_AT_D(0, ex), nullptr, gone));
-}
-
 TEST_F(KorHrTimerTest, RefusesWhatMakesNoSense)
 {
     EXPECT_EQ(arm(-1), 0U);

@@ -22,18 +22,11 @@ struct Shared {
     int size = 0;
     bool threadJoins = false;
     bool wasInPool = false;
-    std::string name;
 };
 
 uint64_t waitInPool(void* closure)
 {
     auto* shared = static_cast<Shared*>(closure);
-    KOR_EX_LOCAL(ex);
-    const char* name = nullptr;
-    _korThread_GetCurrentName(KOR_AT_D(0, &ex), &name);
-    if (shared->size == 1) {
-        shared->name = name;
-    }
     shared->threads++;
     shared->arrived.release();
     shared->mayGo.acquire();
@@ -113,26 +106,6 @@ TEST_F(KorThreadPoolTest, GoesThroughItsStatesOnce)
     release(nullptr);
 }
 
-TEST_F(KorThreadPoolTest, NamesItsThreads)
-{
-    korThreadPool* pool = make(waitInPool, 1);
-    start(pool);
-    stop(pool);
-    join(pool);
-    release(pool);
-    EXPECT_EQ(shared.name, "tPool0.test thread 0 in pool");
-}
-
-TEST_F(KorThreadPoolTest, MayHaveNoThreads)
-{
-    korThreadPool* pool = make(waitInPool, 0);
-    start(pool);
-    EXPECT_EQ(pool->state, uint32_t{KOR_POOL_RUNNING});
-    stop(pool);
-    join(pool);
-    release(pool);
-}
-
 TEST_F(KorThreadPoolTest, AThreadOfThePoolStopsAndJoinsIt)
 {
     korThreadPool* pool = make(stopOwnPool, 1);
@@ -141,15 +114,6 @@ TEST_F(KorThreadPoolTest, AThreadOfThePoolStopsAndJoinsIt)
     shared.arrived.acquire();
     EXPECT_TRUE(shared.wasInPool);
     EXPECT_EQ(pool->state, uint32_t{KOR_POOL_JOINED});
-    release(pool);
-}
-
-TEST_F(KorThreadPoolTest, RefusesASizeBelowZero)
-{
-    korThreadPool* pool = make(waitInPool, -1);
-    start(pool);
-    EXPECT_RAISED(KOR_ERROR_NO_MEMORY, nullptr);
-    EXPECT_EQ(pool->state, uint32_t{KOR_POOL_FAILED});
     release(pool);
 }
 

@@ -444,6 +444,10 @@ class KorGlobalTimerTest : public KorTest
 TEST_F(KorGlobalTimerTest, IsTheLibrarys)
 {
     EXPECT_EQ(_korTimer_GetGlobal(KOR_AT_D(0, ex)), nullptr); // not open
+    _korExecutor_Open(KOR_AT(ex, 0));
+    _korTimer_Open(KOR_AT(ex, 0));
+    _korTimer_Close(KOR_AT_D(0, ex));
+    _korExecutor_Close(KOR_AT_D(0, ex));
     EXPECT_CLEAN();
     _korutil_Open(KOR_AT(ex, 0), KORUTIL_LEVEL);
     korTimer* global = _korTimer_GetGlobal(KOR_AT_D(0, ex));
@@ -459,26 +463,6 @@ TEST_F(KorGlobalTimerTest, IsTheLibrarys)
     _korutil_Close(KOR_AT_D(0, ex));
     EXPECT_EQ(watch.ends, 1) << "the closing ends its tasks";
     EXPECT_TRUE(_korTimer_Release(KOR_AT_D(0, ex), global));
-}
-
-TEST_F(KorGlobalTimerTest, IsOpenedAndClosedWithItsExecutor)
-{
-    for (int round = 0; round < 2; round++) {
-        _korExecutor_Open(KOR_AT(ex, 0));
-        _korTimer_Open(KOR_AT(ex, 0));
-        ASSERT_CLEAN();
-        korTimer* global = _korTimer_GetGlobal(KOR_AT_D(0, ex));
-        ASSERT_NE(global, nullptr);
-        Semaphore ran;
-        Watch watch;
-        watch.ran = &ran;
-        _korTimer_ScheduleTask(KOR_AT(ex, 0), global, Watch::run, Watch::end, &watch, 1, 0);
-        ran.acquire();
-        _korTimer_Release(KOR_AT_D(0, ex), global);
-        _korTimer_Close(KOR_AT_D(0, ex));
-        _korExecutor_Close(KOR_AT_D(0, ex));
-        EXPECT_EQ(watch.runs, 1);
-    }
 }
 
 // ---- Overruns -------------------------------------------------------------------------------------------------------

@@ -53,25 +53,19 @@ class RingQueues : public KorTest
 using Pairings = testing::Types<Pairing<false, false>, Pairing<false, true>, Pairing<true, false>, Pairing<true, true>>;
 TYPED_TEST_SUITE(RingQueues, Pairings);
 
-TYPED_TEST(RingQueues, AreFullAtTwiceTheirSize)
+TYPED_TEST(RingQueues, AreFullAtTwiceTheirSizeAndTakeNoZero)
 {
-    for (uint32_t size : {1u, 4u, 64u}) {
+    for (uint32_t size : {1u, 64u}) {
         TypeParam pair(size);
-        EXPECT_EQ(pair.queue->slotCount, 2 * size);
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(pair.queue->popRing) % 128, 0u);
-        EXPECT_EQ(pair.pop(), 0u);
-        for (uint64_t value = 1; value <= 2 * size; value++) {
-            EXPECT_EQ(pair.push(value), KOR_RQUEUE_DONE);
+        for (uint64_t value = 0; value < 2 * size; value++) {
+            EXPECT_EQ(pair.push(UINT64_MAX - value), KOR_RQUEUE_DONE);
         }
         EXPECT_EQ(pair.push(99), KOR_RQUEUE_FULL);
-        for (uint64_t value = 1; value <= 2 * size; value++) {
-            EXPECT_EQ(pair.pop(), value);
+        for (uint64_t value = 0; value < 2 * size; value++) {
+            EXPECT_EQ(pair.pop(), UINT64_MAX - value);
         }
-        EXPECT_EQ(pair.pop(), 0u);
         EXPECT_EQ(pair.push(0), KOR_RQUEUE_FULL); // would look like an emptied slot
         EXPECT_EQ(pair.pop(), 0u);
-        EXPECT_EQ(pair.push(UINT64_MAX), KOR_RQUEUE_DONE);
-        EXPECT_EQ(pair.pop(), UINT64_MAX);
     }
 }
 
