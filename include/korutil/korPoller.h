@@ -22,7 +22,7 @@
 // Only the waiter changes what is waited for: adding and removing put an event on a list, under the poller's mutex, and
 // wake the waiter, who applies the lists between two waits. An event that has been removed must not be added again
 // before the waiter has made a pass: it would leave its slot with the removal that still stands, and be active all the
-// same.
+// same. To a `Full` poller another event of the same socket or handle is the same event in this.
 
 #ifndef KORUTIL_KORPOLLER_H
 #define KORUTIL_KORPOLLER_H
