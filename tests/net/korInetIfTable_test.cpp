@@ -22,13 +22,7 @@
 
 #undef KOR_BUILDING_LIBRARY
 #undef _korHostResolutions_Create
-#undef _korInetIfTable_Create
-#undef _korInetIfTable_Destroy
-extern "C" {
-korHostResolutions* _korHostResolutions_Create(korEx*, uint8_t, const char*, const char*, uint8_t, int32_t);
-void _korInetIfTable_Create(korEx*, uint8_t, const korInetIfRec**, uint32_t*);
-void _korInetIfTable_Destroy(uint8_t, korEx*);
-}
+extern "C" korHostResolutions* _korHostResolutions_Create(korEx*, uint8_t, const char*, const char*, uint8_t, int32_t);
 #include "korutil/korSocket.h"
 #include "support/failingHeap.h"
 
@@ -54,12 +48,12 @@ struct Told {
     std::vector<Ipv4Interface> interfaces;
     int lateFor = 0; // tries for which the last interface is not there yet
     bool refused = false;
-    const char* ownAddress = "10.0.0.5";
     int32_t ownError = 0;
     int slept = 0;
     int listed = 0;
 };
 Told told;
+constexpr char ownAddress[] = "10.0.0.5";
 
 } // namespace
 
@@ -82,7 +76,7 @@ korHostResolutions* toldResolutions_Create(korEx* ex, uint8_t depth, const char*
         KOR_RAISE(ex, depth, told.ownError, "told");
         return nullptr;
     }
-    return _korHostResolutions_Create(ex, depth, told.ownAddress, "0", passive, socketType);
+    return _korHostResolutions_Create(ex, depth, ownAddress, "0", passive, socketType);
 }
 
 void told_GetHostIp(uint8_t depth, korEx* ex, uint32_t* address)
@@ -91,7 +85,7 @@ void told_GetHostIp(uint8_t depth, korEx* ex, uint32_t* address)
         KOR_RAISE(ex, depth, told.ownError, "told");
         return;
     }
-    *address = ip(told.ownAddress);
+    *address = ip(ownAddress);
 }
 
 void told_Sleep(int64_t milliseconds)
@@ -99,6 +93,8 @@ void told_Sleep(int64_t milliseconds)
     EXPECT_EQ(milliseconds, 100);
     told.slept++;
 }
+
+using Records = std::vector<std::pair<std::string, uint32_t>>;
 
 class KorInetIfTable : public KorTest
 {
@@ -119,28 +115,18 @@ protected:
     }
 
     // The names and addresses of the table.
-    std::vector<std::pair<std::string, uint32_t>> build()
+    Records build()
     {
         const korInetIfRec* table = nullptr;
         uint32_t count = 0;
         testedTable_Create(ex, 0, &table, &count);
-        std::vector<std::pair<std::string, uint32_t>> records;
+        Records records;
         for (uint32_t i = 0; table != nullptr && i < count; i++) {
             records.emplace_back(table[i].ifName, table[i].address);
         }
         return records;
     }
-
-    uint32_t byString(const char* text)
-    {
-        uint32_t address = 1;
-        testedTable_GetInfoByString(ex, 0, text, &address, nullptr, nullptr);
-        EXPECT_CLEAN();
-        return address;
-    }
 };
-
-using Records = std::vector<std::pair<std::string, uint32_t>>;
 
 TEST_F(KorInetIfTable, PutsTheMachinesOwnAddressFirstAndLoopbackLast)
 {
@@ -150,59 +136,56 @@ TEST_F(KorInetIfTable, PutsTheMachinesOwnAddressFirstAndLoopbackLast)
     told.interfaces.clear();
     EXPECT_EQ(build(), expected) << "it is made once";
     const korInetIfRec* own = testedTable_GetRecByAddr(ex, 0, ip("10.0.0.5"));
-    ASSERT_NE(own, nullptr);
-    EXPECT_EQ(own->network, ip("10.0.0.0"));
-    EXPECT_EQ(own->broadcast, ip("10.255.255.255"));
-    EXPECT_EQ(own->flags, KOR_IF_UP | KOR_IF_MULTICAST);
     const korInetIfRec* loopback = testedTable_GetRecByAddr(ex, 0, ip("127.0.0.1"));
-    ASSERT_NE(loopback, nullptr);
+    ASSERT_TRUE(own != nullptr && loopback != nullptr);
+    EXPECT_EQ(own->network, ip("10.0.0.0"));
+    EXPECT_EQ(own->flags, KOR_IF_UP | KOR_IF_MULTICAST);
     EXPECT_EQ(loopback->broadcast, ip("127.0.0.1"));
-    EXPECT_EQ(loopback->network, ip("127.0.0.0"));
     EXPECT_EQ(loopback->flags, KOR_IF_LOOPBACK);
 }
 
-TEST_F(KorInetIfTable, WaitsForAnInterfaceThatComesUpLate)
+TEST_F(KorInetIfTable, WaitsForTheMachinesOwnAddressFiftyTimes)
 {
-    told.lateFor = 3;
-    EXPECT_EQ(build().front().second, ip("10.0.0.5"));
-    EXPECT_EQ(told.listed, 4);
-    EXPECT_EQ(told.slept, 3);
-}
-
-TEST_F(KorInetIfTable, GivesUpAfterFiftyTries)
-{
-    told.lateFor = 1000;
-    EXPECT_EQ(build(), (Records{{"IP00", ip("192.168.7.9")}, {"loopback", ip("127.0.0.1")}}));
-    EXPECT_EQ(told.listed, 50);
-    EXPECT_CLEAN();
-}
-
-TEST_F(KorInetIfTable, ToldByTheResolversErrorWhetherToWait)
-{
-    for (int32_t error : {KOR_ERROR_NOT_FOUND, KOR_ERROR_NOT_PERMITTED, KOR_ERROR_OS}) {
-        told.listed = 0;
-        told.ownError = error;
-        EXPECT_EQ(build().size(), 3u) << "in the system's order";
+    struct {
+        int lateFor;
+        int32_t ownError;
+        int listed;
+        const char* first;
+    } cases[] = {{3, 0, 4, "10.0.0.5"},
+                 {1000, 0, 50, "192.168.7.9"},
+                 {0, KOR_ERROR_NOT_FOUND, 50, "192.168.7.9"}, // the system's order
+                 {0, KOR_ERROR_NOT_PERMITTED, 50, "192.168.7.9"},
+                 {0, KOR_ERROR_OS, 1, "192.168.7.9"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.lateFor) + ", " + std::to_string(c.ownError));
+        told.listed = told.slept = 0;
+        told.lateFor = c.lateFor;
+        told.ownError = c.ownError;
+        Records records = build();
         EXPECT_CLEAN();
-        EXPECT_EQ(told.listed, error == KOR_ERROR_OS ? 1 : 50);
+        EXPECT_EQ(records.size(), c.lateFor == 1000 ? 2u : 3u);
+        EXPECT_EQ(records.front().second, ip(c.first));
+        EXPECT_EQ(told.listed, c.listed);
+        EXPECT_EQ(told.slept, c.listed - 1);
         testedTable_Destroy(0, ex);
     }
 }
 
 TEST_F(KorInetIfTable, HasRoomForThirtyTwo)
 {
-    told.interfaces.clear();
-    for (uint32_t i = 1; i <= 32; i++) {
-        told.interfaces.push_back({KOR_IF_UP, htonl(0x0A000000 + i), ip("255.0.0.0")});
-    }
+    told.interfaces.assign(32, {KOR_IF_UP, ip("10.0.0.5"), ip("255.0.0.0")});
     Records records = build();
-    EXPECT_EQ(records.size(), 32u);
+    ASSERT_EQ(records.size(), 32u);
     EXPECT_EQ(records[30].first, "IP30");
     EXPECT_EQ(records.back().first, "loopback");
 }
 
 TEST_F(KorInetIfTable, AFailureLeavesNoTable)
 {
+    sweepFailures(ex, [&] {
+        testedTable_Create(ex, 0, nullptr, nullptr);
+        testedTable_Destroy(0, ex);
+    });
     told.refused = true;
     build();
     EXPECT_RAISED(KOR_ERROR_OS, nullptr);
@@ -224,61 +207,29 @@ TEST_F(KorInetIfTable, LooksUpByNetworkAndByName)
     EXPECT_EQ(address, ip("10.0.0.5"));
     EXPECT_EQ(broadcast, ip("10.255.255.255"));
     EXPECT_EQ(netmask, ip("255.0.0.0"));
-    testedTable_GetInfoByNet(ex, 0, ip("192.168.7.0"), &address, nullptr, nullptr);
-    EXPECT_EQ(address, ip("192.168.7.9"));
-    testedTable_GetInfoByNet(ex, 0, 0, &address, nullptr, nullptr);
+    auto gives = [&](const char* expected, auto function, auto... arguments) {
+        address = 0;
+        function(ex, 0, arguments..., &address, nullptr, nullptr);
+        EXPECT_EQ(address, expected == nullptr ? 0 : ip(expected));
+    };
+    gives("192.168.7.9", testedTable_GetInfoByNet, ip("192.168.7.0"));
+    gives(nullptr, testedTable_GetInfoByNet, 0u);
     EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, nullptr);
-    testedTable_GetInfoByNet(ex, 0, htonl(192 << 8 | 168), &address, nullptr, nullptr);
+    gives(nullptr, testedTable_GetInfoByNet, htonl(192 << 8 | 168));
     EXPECT_RAISED(KOR_ERROR_NOT_FOUND, "Lookup by subnet address failed.");
     testedTable_GetInfoByNetWithMask(ex, 0, htonl(192 << 8 | 168), &address, nullptr, nullptr, ip("255.255.0.0"));
     EXPECT_EQ(address, ip("192.168.7.9"));
-    testedTable_GetInfoByIfName(ex, 0, "loopback", &address, nullptr, nullptr);
-    EXPECT_EQ(address, ip("127.0.0.1"));
-    testedTable_GetInfoByIfName(ex, 0, "IP0", &address, nullptr, nullptr);
+    gives("127.0.0.1", testedTable_GetInfoByIfName, "loopback");
+    gives(nullptr, testedTable_GetInfoByIfName, "IP0");
     EXPECT_RAISED(KOR_ERROR_NOT_FOUND, "Lookup by interface name failed.");
-    testedTable_GetInfoByHostname(ex, 0, nullptr, &address, nullptr, nullptr);
-    EXPECT_EQ(address, ip("10.0.0.5"));
-    testedTable_GetInfoByNetName(ex, 0, "any", &address, nullptr, nullptr);
+    gives("10.0.0.5", testedTable_GetInfoByHostname, nullptr);
+    gives(nullptr, testedTable_GetInfoByNetName, "any");
     EXPECT_RAISED(KOR_ERROR_NOT_SUPPORTED, "getnetbyname");
-}
-
-TEST_F(KorInetIfTable, UnderstandsAUsersSetting)
-{
-    build();
-    EXPECT_EQ(byString("192.168.7.9"), ip("192.168.7.9"));
-    EXPECT_EQ(byString("192.168.7.0"), ip("192.168.7.9"));
-    EXPECT_EQ(byString("10"), ip("10.0.0.5"));
-    EXPECT_EQ(byString("8.8.8.8"), 1u) << "the out stays";
-    EXPECT_EQ(byString(nullptr), 1u);
-}
-
-TEST_F(KorInetIfTable, NamesThatNoResolverKnowsAreInterfaces)
-{
-    build();
-    EXPECT_EQ(byString("loopback"), ip("127.0.0.1"));
-}
-
-TEST_F(KorInetIfTable, WithoutMemoryThereIsAnErrorAndNoTable)
-{
-    sweepFailures(ex, [&] {
-        testedTable_Create(ex, 0, nullptr, nullptr);
-        testedTable_Destroy(0, ex);
-    });
-}
-
-// ---- This machine ----
-
-TEST_F(KorInetIfTable, TheRealOneEndsWithLoopback)
-{
-    const korInetIfRec* table = nullptr;
-    uint32_t count = 0;
-    _korInetIfTable_Create(ex, 0, &table, &count);
-    ASSERT_CLEAN();
-    ASSERT_GE(count, 1u);
-    EXPECT_STREQ(table[count - 1].ifName, "loopback");
-    for (uint32_t i = 0; i + 1 < count; i++) {
-        EXPECT_EQ(table[i].flags & (KOR_IF_UP | KOR_IF_LOOPBACK), KOR_IF_UP);
-        EXPECT_EQ(table[i].address & table[i].netmask, table[i].network);
-    }
-    _korInetIfTable_Destroy(0, ex);
+    gives("192.168.7.9", testedTable_GetInfoByString, "192.168.7.9"); // a user's setting
+    gives("192.168.7.9", testedTable_GetInfoByString, "192.168.7.0");
+    gives("10.0.0.5", testedTable_GetInfoByString, "10");
+    gives("127.0.0.1", testedTable_GetInfoByString, "loopback");
+    gives(nullptr, testedTable_GetInfoByString, "8.8.8.8");
+    gives(nullptr, testedTable_GetInfoByString, nullptr);
+    EXPECT_CLEAN();
 }

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace kor::test {
 
@@ -44,6 +45,7 @@ union Address {
     sockaddr_in6 wide;
 
     int32_t length() const { return _kor_GetAddressLength(&head); }
+    void* host() { return head.sa_family == AF_INET6 ? static_cast<void*>(&wide.sin6_addr) : &narrow.sin_addr; }
 };
 
 inline Address loopback(int family, uint16_t port = 0)
@@ -59,51 +61,75 @@ inline Address loopback(int family, uint16_t port = 0)
     return address;
 }
 
+/// The two ends of a connection.
+struct Pair {
+    Pair() = default;
+    explicit Pair(korEx* ex) { _korSocket_CreatePair(ex, 0, &first, &second); }
+
+    OwnedSocket first, second;
+};
+
 /// The library is open while a test runs.
 class NetTest : public KorTest
 {
 protected:
     void SetUp() override
     {
-        _korutil_Open(KOR_AT(ex, 0), KORUTIL_LEVEL);
+        _korutil_Open(ex, 0, KORUTIL_LEVEL);
         ASSERT_CLEAN();
     }
     void TearDown() override
     {
         KorTest::TearDown();
-        _korutil_Close(KOR_AT_D(0, ex));
+        _korutil_Close(0, ex);
     }
 
-    bool hasIPv6()
+    /// The address families that this machine has.
+    std::vector<int> families()
     {
         Address address = loopback(AF_INET6);
-        OwnedSocket socket = _korSocket_Create(KOR_AT(ex, 0), AF_INET6, SOCK_STREAM, 0);
-        _korSocket_Bind(KOR_AT(ex, 0), socket, &address.head, address.length());
-        bool has = ex->code == 0;
+        OwnedSocket socket = _korSocket_Create(ex, 0, AF_INET6, SOCK_STREAM, 0);
+        _korSocket_Bind(ex, 0, socket, &address.head, address.length());
+        bool wide = ex->code == 0;
         korEx_Clear(ex);
-        return has;
+        return wide ? std::vector{AF_INET, AF_INET6} : std::vector{AF_INET};
     }
 
     int32_t option(korSocket socket, int32_t level, int32_t name)
     {
         int32_t value = 0;
         int32_t length = sizeof value;
-        _korSocket_GetOpt(KOR_AT(ex, 0), socket, level, name, &value, &length);
+        _korSocket_GetOpt(ex, 0, socket, level, name, &value, &length);
         return value;
     }
 
-    std::string portText(korSocket socket)
+    std::string textOf(const Address& address)
     {
-        return std::to_string(ntohs(_korSocket_GetSockPort(KOR_AT(ex, 0), socket)));
+        char buffer[64];
+        _kor_AddressToString(ex, 0, &address.head, buffer, sizeof buffer);
+        return buffer;
     }
 
-    /// Sends a text one way and reads the whole of it at the other end.
-    void expectPassage(korSocket from, korSocket to, const std::string& text = "over the wire")
+    OwnedSocket listen(const char* host = "127.0.0.1", const std::string& port = "0")
     {
+        return _korSocket_CreateListener(ex, 0, host, port.c_str(), 0);
+    }
+    OwnedSocket connect(const std::string& port, int64_t timeout = 5000, const char* host = "127.0.0.1")
+    {
+        return _korSocket_CreateConnection(ex, 0, host, port.c_str(), timeout);
+    }
+    OwnedSocket accept(korSocket listener) { return _korSocket_Accept(ex, 0, listener, nullptr, nullptr); }
+
+    std::string portText(korSocket socket) { return std::to_string(ntohs(_korSocket_GetSockPort(ex, 0, socket))); }
+
+    /// Sends a text one way and reads the whole of it at the other end.
+    void expectPassage(korSocket from, korSocket to)
+    {
+        const std::string text = "over the wire";
         auto length = static_cast<int32_t>(text.size());
-        EXPECT_EQ(_korSocket_Send(KOR_AT(ex, 0), from, text.data(), length, 0), length);
+        EXPECT_EQ(_korSocket_Send(ex, 0, from, text.data(), length, 0), length);
         std::string received(text.size(), ' ');
-        EXPECT_EQ(_korSocket_Recv(KOR_AT(ex, 0), to, received.data(), length, MSG_WAITALL), length);
+        EXPECT_EQ(_korSocket_Recv(ex, 0, to, received.data(), length, MSG_WAITALL), length);
         EXPECT_EQ(received, text);
         EXPECT_CLEAN();
     }

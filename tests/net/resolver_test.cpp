@@ -112,55 +112,55 @@ protected:
     korHostResolutions* create(const char* host = "name", const char* service = "80", uint8_t passive = 0,
                                int type = SOCK_STREAM)
     {
-        return _korHostResolutions_Create(KOR_AT(ex, 0), host, service, passive, type);
+        return _korHostResolutions_Create(ex, 0, host, service, passive, type);
     }
-    void free(korHostResolutions* resolution) { _korHostResolutions_Free(KOR_AT_D(0, ex), resolution); }
+    void free(korHostResolutions* resolution) { _korHostResolutions_Free(0, ex, resolution); }
 
     std::string familiesOf(korHostResolutions* resolution)
     {
         std::string families;
-        for (korHostInfo* info = _korHostResolutions_GetFirst(KOR_AT(ex, 0), resolution); info != nullptr;
-             info = _korHostResolutions_GetNext(KOR_AT(ex, 0), resolution)) {
-            EXPECT_EQ(info, _korHostResolutions_GetCurrent(KOR_AT(ex, 0), resolution));
+        for (korHostInfo* info = _korHostResolutions_GetFirst(ex, 0, resolution); info != nullptr;
+             info = _korHostResolutions_GetNext(ex, 0, resolution)) {
+            EXPECT_EQ(info, _korHostResolutions_GetCurrent(ex, 0, resolution));
             families += info->current->ai_family == AF_INET6 ? '6' : '4';
         }
-        EXPECT_EQ(_korHostResolutions_GetNext(KOR_AT(ex, 0), resolution), nullptr);
+        EXPECT_EQ(_korHostResolutions_GetNext(ex, 0, resolution), nullptr);
         return families;
     }
 };
 
 TEST_F(ResolverTest, WhatIsAsked)
 {
-    constexpr int always = AI_ADDRCONFIG;
+    constexpr int host = AI_NUMERICHOST, service = AI_NUMERICSERV;
     struct {
         const char* host;
         const char* service;
-        uint8_t passive;
-        int flags;
+        int flags; // AI_ADDRCONFIG aside
         int family;
     } cases[] = {
-        {"name", "80", 0, always | AI_NUMERICSERV, 0},
-        {"name", "65535", 0, always | AI_NUMERICSERV, 0},
-        {"name", "65536", 0, always, 0},
-        {"name", "-1", 0, always, 0},
-        {"name", "4294967376", 0, always, 0}, // 80 and 2 to the power of 32
-        {"name", "99999999999999999999", 0, always, 0},
-        {"name", "80x", 0, always, 0},
-        {"name", "", 0, always | AI_NUMERICSERV, 0},
-        {"name", nullptr, 1, always | AI_NUMERICSERV | AI_PASSIVE, 0},
-        {nullptr, "0", 1, always | AI_NUMERICSERV | AI_PASSIVE, 0},
-        {"127.0.0.1", "echo", 0, always | AI_NUMERICHOST, AF_INET},
-        {"::1", "80", 0, always | AI_NUMERICHOST | AI_NUMERICSERV, AF_INET6},
-        {"::1", "echo", 1, always | AI_NUMERICHOST | AI_PASSIVE, AF_INET6},
-        {"127.0.0.256", "80", 0, always | AI_NUMERICSERV, 0},
+        {"name", "80", service, 0},
+        {"name", "65535", service, 0},
+        {"name", "65536", 0, 0},
+        {"name", "-1", 0, 0},
+        {"name", "4294967376", 0, 0}, // 80 and 2 to the power of 32
+        {"name", "99999999999999999999", 0, 0},
+        {"name", "80x", 0, 0},
+        {"name", "", service, 0},
+        {"name", nullptr, service, 0},
+        {nullptr, "0", service, 0},
+        {"127.0.0.1", "echo", host, AF_INET},
+        {"::1", "80", host | service, AF_INET6},
+        {"127.0.0.256", "80", service, 0},
     };
     for (const auto& c : cases) {
-        told.questions.clear();
-        free(create(c.host, c.service, c.passive, SOCK_DGRAM));
-        ASSERT_EQ(told.questions.size(), 1U);
-        EXPECT_EQ(told.questions[0].ai_flags, c.flags) << c.service;
-        EXPECT_EQ(told.questions[0].ai_family, c.family) << c.service;
-        EXPECT_EQ(told.questions[0].ai_socktype, SOCK_DGRAM);
+        for (int passive : {0, AI_PASSIVE}) {
+            told.questions.clear();
+            free(create(c.host, c.service, passive != 0, SOCK_DGRAM));
+            ASSERT_EQ(told.questions.size(), 1U);
+            EXPECT_EQ(told.questions[0].ai_flags, AI_ADDRCONFIG | passive | c.flags) << c.service;
+            EXPECT_EQ(told.questions[0].ai_family, c.family) << c.service;
+            EXPECT_EQ(told.questions[0].ai_socktype, SOCK_DGRAM);
+        }
     }
 }
 
@@ -168,17 +168,13 @@ TEST_F(ResolverTest, NumbersAreNotAsked)
 {
     struct {
         const char* service;
-        int type;
-        uint8_t passive;
-        int protocol;
-        int port;
-    } cases[] = {
-        {"80", SOCK_STREAM, 0, 6, 80}, {"65535", SOCK_DGRAM, 1, 17, 65535}, {nullptr, 0, 0, 0, 0}, {"", 3, 1, 0, 0}};
+        int type, protocol, port;
+    } cases[] = {{"80", SOCK_STREAM, 6, 80}, {"65535", SOCK_DGRAM, 17, 65535}, {nullptr, 0, 0, 0}, {"", 3, 0, 0}};
     for (const auto& c : cases) {
-        korHostResolutions* found = create("10.1.2.3", c.service, c.passive, c.type);
-        const addrinfo& record = *_korHostResolutions_GetFirst(KOR_AT(ex, 0), found)->current;
+        korHostResolutions* found = create("10.1.2.3", c.service, 1, c.type);
+        const addrinfo& record = *_korHostResolutions_GetFirst(ex, 0, found)->current;
         const auto* address = reinterpret_cast<const sockaddr_in*>(record.ai_addr);
-        EXPECT_EQ(record.ai_flags, c.passive);
+        EXPECT_EQ(record.ai_flags, 1);
         EXPECT_EQ(record.ai_socktype, c.type);
         EXPECT_EQ(record.ai_protocol, c.protocol);
         EXPECT_EQ(record.ai_addrlen, 16U);
@@ -188,14 +184,13 @@ TEST_F(ResolverTest, NumbersAreNotAsked)
         EXPECT_EQ(record.ai_next, nullptr);
         free(found);
     }
-    EXPECT_EQ(told.questions.size(), 0U);
-    EXPECT_EQ(told.freed, 0);
+    EXPECT_TRUE(told.questions.empty() && told.freed == 0);
 }
 
 TEST_F(ResolverTest, WhatIsMadeOfTheAnswers)
 {
     constexpr int32_t again = EAI_AGAIN;
-    constexpr int32_t notFound = EAI_NONAME;
+    constexpr int32_t broken = resolverBroken;
     struct {
         std::deque<int32_t> results;
         size_t calls;
@@ -203,13 +198,11 @@ TEST_F(ResolverTest, WhatIsMadeOfTheAnswers)
         const char* families;
     } cases[] = {
         {{0}, 1, 0, "4"},
-        {{notFound}, 1, 0, ""},
-        {{again, 0}, 2, 0, "4"},
-        {{again, again, notFound}, 3, 0, ""},
+        {{EAI_NONAME}, 1, 0, ""},
+        {{again, again, EAI_NONAME}, 3, 0, ""},
         {{again, again, again, again, again, 0}, 6, 0, "4"},
         {{again, again, again, again, again, again}, 6, again, ""},
-        {{again, resolverBroken}, 2, resolverBroken, ""},
-        {{resolverBroken}, 1, resolverBroken, ""},
+        {{again, broken}, 2, broken, ""},
     };
     for (const auto& c : cases) {
         told.questions.clear();
@@ -231,68 +224,53 @@ TEST_F(ResolverTest, SlowAnswersAreLogged)
 {
     kor::test::Receiver receiver;
     receive(receiver);
-    auto statement = [&] {
+    auto logs = [&](const std::string& expected) {
         auto statements = receiver.take();
-        std::string text = statements.empty() ? "" : statements[0];
-        size_t start = text.find("getaddrinfo");
-        return start == std::string::npos ? "" : text.substr(start);
+        ASSERT_EQ(statements.size(), expected.empty() ? 0U : 1U);
+        EXPECT_TRUE(expected.empty() || statements[0].find(expected) != std::string::npos) << statements[0];
     };
+    const std::string type = ", socktype:" + std::to_string(SOCK_STREAM);
     told.slowness = 2000;
     free(create());
-    EXPECT_EQ(statement(), "");
     told.slowness = 2001;
     told.results = {resolverBroken};
-    EXPECT_EQ(create(), nullptr);
-    EXPECT_RAISED(6, "getaddrinfo (name:80) - broken");
-    EXPECT_EQ(statement(), ""); // an error says it all
-    told.slowness = 500;
-    told.results = {EAI_AGAIN, EAI_AGAIN, EAI_AGAIN, EAI_AGAIN, EAI_NONAME};
-    free(create("name", nullptr, 1));
-    EXPECT_EQ(statement(), "getaddrinfo(name:null, passive:true, AI_NUMERICHOST:false, AI_NUMERICSERV:true, socktype:" +
-                               std::to_string(SOCK_STREAM) + ") retrieved:no took 2500ms");
-    told.slowness = 2001;
     free(create());
-    EXPECT_EQ(statement(), ""); // once is enough
-    for (int i = 0; i < 2; i++) {
-        free(create("this-machine", "echo"));
-        EXPECT_EQ(statement(), "getaddrinfo(this-machine:echo, passive:false, AI_NUMERICHOST:false, "
-                               "AI_NUMERICSERV:false, socktype:" +
-                                   std::to_string(SOCK_STREAM) + ") retrieved:yes for own host took 2001ms ");
-    }
+    EXPECT_RAISED(6, "getaddrinfo (name:80) - broken");
+    logs(""); // the first was quick enough, and an error says it all
+    told.results = {EAI_NONAME};
+    free(create("name", nullptr, 1));
+    logs("getaddrinfo(name:null, passive:true, AI_NUMERICHOST:false, AI_NUMERICSERV:true" + type +
+         ") retrieved:no took 2001ms");
+    free(create());
+    logs(""); // once is enough, but for this machine's own name
+    free(create("this-machine", "echo"));
+    logs("getaddrinfo(this-machine:echo, passive:false, AI_NUMERICHOST:false, AI_NUMERICSERV:false" + type +
+         ") retrieved:yes for own host took 2001ms ");
 }
 
 TEST_F(ResolverTest, OrderByFamily)
 {
-    struct {
-        const char* before;
-        const char* after;
-    } cases[] = {{"", ""},       {"4", "4"},       {"46", "64"},      {"466", "664"},
-                 {"644", "644"}, {"4646", "6644"}, {"64466", "66644"}};
-    for (const auto& c : cases) {
+    const char* cases[][2] = {{"", ""},       {"4", "4"},       {"46", "64"},       {"466", "664"},
+                              {"644", "644"}, {"4646", "6644"}, {"64466", "66644"}, {"?4??6?", "46"}};
+    for (const auto& [before, after] : cases) {
         told.families.clear();
-        for (const char* family = c.before; *family != '\0'; family++) {
-            told.families.push_back(*family == '6' ? AF_INET6 : AF_INET);
+        for (const char* family = before; *family != '\0'; family++) {
+            told.families.push_back(*family == '6' ? AF_INET6 : *family == '4' ? AF_INET : 77);
         }
         korHostResolutions* found = create();
-        EXPECT_EQ(familiesOf(found), c.before);
-        _korHostResolutions_PreferIPv6(KOR_AT(ex, 0), found);
-        EXPECT_EQ(familiesOf(found), c.after);
+        EXPECT_EQ(familiesOf(found).size(), std::strlen(after));
+        _korHostResolutions_PreferIPv6(ex, 0, found);
+        EXPECT_EQ(familiesOf(found), after);
         free(found);
     }
-    told.families = {77, AF_INET, 77, AF_INET6, 77};
-    korHostResolutions* strangers = create();
-    EXPECT_EQ(familiesOf(strangers), "46");
-    free(strangers);
 }
 
 TEST_F(ResolverTest, CopiesKeepTheList)
 {
     told.families = {AF_INET, AF_INET6};
     korHostResolutions* owner = create();
-    _korHostResolutions_GetFirst(KOR_AT(ex, 0), owner);
-    korHostResolutions* copy = _korHostResolutions_Copy(KOR_AT(ex, 0), owner);
-    korHostResolutions* second = _korHostResolutions_Copy(KOR_AT(ex, 0), copy);
-    EXPECT_EQ(second->parent, owner);
+    korHostResolutions* copy = _korHostResolutions_Copy(ex, 0, owner);
+    korHostResolutions* second = _korHostResolutions_Copy(ex, 0, copy);
     free(owner);
     free(copy);
     EXPECT_EQ(told.freed, 0);
@@ -300,10 +278,9 @@ TEST_F(ResolverTest, CopiesKeepTheList)
     free(second);
     EXPECT_EQ(told.freed, 1);
     free(nullptr);
-    EXPECT_EQ(_korHostResolutions_Copy(KOR_AT(ex, 0), nullptr), nullptr);
+    EXPECT_EQ(_korHostResolutions_Copy(ex, 0, nullptr), nullptr);
     EXPECT_RAISED(1, "resolution is missing");
-    EXPECT_EQ(_korHostResolutions_GetFirst(KOR_AT(ex, 0), nullptr), nullptr);
-    EXPECT_EQ(_korHostResolutions_GetCurrent(KOR_AT(ex, 0), nullptr), nullptr);
+    EXPECT_EQ(_korHostResolutions_GetFirst(ex, 0, nullptr), nullptr);
 }
 
 TEST_F(ResolverTest, FailingMemory)
@@ -311,7 +288,7 @@ TEST_F(ResolverTest, FailingMemory)
     told.families.clear(); // the list itself is not the library's
     kor::test::sweepFailures(ex, [&] {
         korHostResolutions* owner = create();
-        korHostResolutions* copy = ex->code == 0 ? _korHostResolutions_Copy(KOR_AT(ex, 0), owner) : nullptr;
+        korHostResolutions* copy = ex->code == 0 ? _korHostResolutions_Copy(ex, 0, owner) : nullptr;
         free(copy);
         free(owner);
     });
