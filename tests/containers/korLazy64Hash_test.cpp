@@ -1,7 +1,7 @@
 // korLazy64Hash_test.cpp - the integer form of the lazily resized table: the body of checks it shares, then its own
 // rules.
 
-#include "containers/lazyTableModel.h"
+#include "containers/tableModel.h"
 
 #include "korutil/korLazy64Hash.h"
 #include "korutil/korPool.h"
@@ -14,7 +14,7 @@ template <bool Pooled>
 class IntegerSubject
 {
 public:
-    static constexpr bool removesPrivately = !Pooled;
+    static constexpr bool lazy = true;
     IntegerSubject(korEx* ex, int64_t slots) : ex_(ex)
     {
         if (Pooled) {
@@ -29,7 +29,11 @@ public:
     }
     IntegerSubject(const IntegerSubject&) = delete;
     IntegerSubject& operator=(const IntegerSubject&) = delete;
-    korLazy64Hash* table() { return table_; }
+    bool made() const { return table_ != nullptr; }
+    uint64_t held() const
+    {
+        return static_cast<uint64_t>(table_->count + (table_->oldHash == nullptr ? 0 : table_->oldHash->count));
+    }
     uint64_t set(uint64_t number, uint64_t value)
     {
         return _korLazy64Hash_Set(KOR_AT(ex_, 0), table_, keyFor(number), value);
@@ -56,7 +60,7 @@ private:
 };
 
 using Subjects = testing::Types<IntegerSubject<false>, IntegerSubject<true>>;
-INSTANTIATE_TYPED_TEST_SUITE_P(Lazy64Hash, LazyTableTest, Subjects);
+INSTANTIATE_TYPED_TEST_SUITE_P(Lazy64Hash, TableTest, Subjects);
 
 class Lazy64HashTest : public KorTest
 {

@@ -1,0 +1,193 @@
+// tableModel.h - the model check and the sweep that every table of keys goes through, by a small adapter:
+//
+//     Subject(korEx* ex, int64_t slots)       makes the table (and its pools), the destructor takes them down
+//     made()                                  false if it could not be made
+//     held()                                  how many entries the table says it has
+//     set, get, remove(number ...)            numbers below tableNumbers stand for keys
+//     startWalk(), next(&number, &value), removeCurrent()
+//     lazy                                    the size changes bit by bit; a walk goes in the order of insertion and
+//                                             bears what is done between its steps
+
+#pragma once
+
+#include "support/failingHeap.h"
+#include "support/korTest.h"
+
+#include <list>
+#include <set>
+#include <unordered_map>
+
+namespace kor::test {
+
+constexpr uint64_t tableNumbers = 1000;
+
+/// What the table must hold, in the order of insertion, and where a walk stands.
+class TableModel
+{
+public:
+    uint64_t set(uint64_t number, uint64_t value)
+    {
+        auto [found, fresh] = places_.try_emplace(number);
+        if (fresh) {
+            found->second = order_.insert(order_.end(), {number, value});
+            if (next_ == order_.end() && walking_) {
+                next_ = found->second;
+            }
+            return 0;
+        }
+        return std::exchange(found->second->second, value);
+    }
+    uint64_t get(uint64_t number) const { return places_.count(number) != 0 ? places_.at(number)->second : 0; }
+    uint64_t remove(uint64_t number)
+    {
+        auto found = places_.find(number);
+        if (found == places_.end()) {
+            return 0;
+        }
+        uint64_t value = found->second->second;
+        next_ = next_ == found->second ? std::next(next_) : next_;
+        order_.erase(found->second);
+        places_.erase(found);
+        return value;
+    }
+    void startWalk()
+    {
+        walking_ = true;
+        next_ = order_.begin();
+    }
+    /// The next entry of the walk, or NULL.
+    const std::pair<uint64_t, uint64_t>* next()
+    {
+        walking_ = next_ != order_.end();
+        return walking_ ? &*next_++ : nullptr;
+    }
+    bool walking() const { return walking_; }
+    size_t size() const { return order_.size(); }
+
+private:
+    std::list<std::pair<uint64_t, uint64_t>> order_;
+    std::list<std::pair<uint64_t, uint64_t>>::iterator next_ = order_.end();
+    std::unordered_map<uint64_t, std::list<std::pair<uint64_t, uint64_t>>::iterator> places_;
+    bool walking_ = false;
+};
+
+template <class Subject>
+class TableTest : public KorTest
+{
+protected:
+    // A step of a walk that goes on for long. What is current is known for as long as nothing else removes it.
+    void stepWalk(Subject& subject)
+    {
+        if (!model.walking()) {
+            subject.startWalk();
+            model.startWalk();
+            current.reset();
+        } else if (current && random.chance(30)) {
+            model.remove(*std::exchange(current, std::nullopt));
+            subject.removeCurrent();
+        } else {
+            uint64_t number = 0, value = 0;
+            const auto* wanted = model.next();
+            ASSERT_EQ(subject.next(&number, &value), wanted != nullptr);
+            ASSERT_TRUE(wanted == nullptr || *wanted == std::make_pair(number, value)) << number;
+            current = wanted != nullptr ? std::optional(number) : std::nullopt;
+        }
+    }
+
+    // A whole walk meets every entry once; `removed` percent of them go on the way.
+    void walkAll(Subject& subject, unsigned removed)
+    {
+        std::set<uint64_t> seen;
+        uint64_t number = 0, value = 0;
+        size_t before = model.size();
+        subject.startWalk();
+        while (subject.next(&number, &value)) {
+            ASSERT_EQ(model.get(number), value);
+            ASSERT_TRUE(seen.insert(number).second) << number << " was met twice";
+            if (random.chance(removed)) {
+                subject.removeCurrent();
+                model.remove(number);
+            }
+        }
+        ASSERT_EQ(seen.size(), before);
+        ASSERT_EQ(subject.held(), model.size());
+    }
+
+    void change(Subject& subject, unsigned sets)
+    {
+        uint64_t number = random.below(tableNumbers);
+        if (random.chance(sets)) {
+            uint64_t value = random.next();
+            ASSERT_EQ(subject.set(number, value), model.set(number, value));
+        } else if (random.chance(30)) {
+            ASSERT_EQ(subject.get(number), model.get(number));
+        } else if (current != number && random.chance(70)) { // the current one only through the walk
+            ASSERT_EQ(subject.remove(number), model.remove(number));
+        } else if (Subject::lazy) {
+            stepWalk(subject);
+        } else if (random.chance(1)) {
+            walkAll(subject, 30);
+        }
+        ASSERT_EQ(subject.held(), model.size());
+    }
+
+    Random random;
+    TableModel model;
+    std::optional<uint64_t> current;
+};
+
+TYPED_TEST_SUITE_P(TableTest);
+
+// Sizes swing up and down, so that size changes run many times, walks among them.
+TYPED_TEST_P(TableTest, holdsWhatTheModelHolds)
+{
+    for (int64_t slots : {1, 3, 256}) {
+        TypeParam subject(this->ex, slots);
+        this->model = {};
+        this->current.reset();
+        for (int step = 0; step < 20000 && !this->HasFailure(); step++) {
+            this->change(subject, step / 5000 % 2 == 0 ? 60 : 3);
+        }
+        for (uint64_t number = 0; number < 300; number++) { // a size change may still be running
+            this->model.set(number, number + 1);
+            subject.set(number, number + 1);
+        }
+        this->walkAll(subject, 0);
+        this->walkAll(subject, 100);
+    }
+}
+
+// Whichever request fails: pairs stored before stay, removes do their work, lookups tell the truth.
+TYPED_TEST_P(TableTest, survivesFailingAllocations)
+{
+    constexpr uint64_t count = 150; // grows up to 256 slots, and shrinks on the way down
+    TypeParam(this->ex, 1).get(0);  // the keys are made once, before the heap fails
+    auto scenario = [ex = this->ex] {
+        TypeParam subject(ex, 1);
+        int32_t code = std::exchange(ex->code, 0);
+        uint64_t stored = 0;
+        while (subject.made() && code == 0 && stored < count) {
+            subject.set(stored, stored + 1);
+            code = std::exchange(ex->code, 0);
+            stored += code == 0;
+        }
+        if (subject.made() && !TypeParam::lazy) {
+            EXPECT_EQ(subject.held(), stored);
+            EXPECT_EQ(subject.get(stored), 0);
+        }
+        for (uint64_t number = 0; number < stored; number++) {
+            EXPECT_EQ(subject.get(number), number + 1);
+            code += std::exchange(ex->code, 0);
+            EXPECT_EQ(subject.remove(number), number + 1);
+            code += std::exchange(ex->code, 0);
+            EXPECT_EQ(subject.get(number), 0);
+            code += std::exchange(ex->code, 0);
+        }
+        ex->code = code;
+    };
+    EXPECT_GT(sweepFailures(this->ex, scenario), 10);
+}
+
+REGISTER_TYPED_TEST_SUITE_P(TableTest, holdsWhatTheModelHolds, survivesFailingAllocations);
+
+} // namespace kor::test
