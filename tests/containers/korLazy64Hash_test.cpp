@@ -1,4 +1,4 @@
-// korLazy64Hash_test.cpp - the integer form of the lazily resized table: the body of checks it shares, then its own
+// korLazy64Hash_test.cpp - the integer form of the lazily resized table: the checks that tables share, then its own
 // rules.
 
 #include "containers/tableModel.h"
@@ -18,14 +18,14 @@ public:
     IntegerSubject(korEx* ex, int64_t slots) : ex_(ex)
     {
         if (Pooled) {
-            _korLazy64Hash_CreatePoolsEx(KOR_AT(ex, 0), &pools_, 8);
+            _korLazy64Hash_CreatePoolsEx(ex, 0, &pools_, 8);
         }
-        table_ = _korLazy64Hash_CreatePooled(KOR_AT(ex, 0), Pooled ? &pools_ : nullptr, slots);
+        table_ = _korLazy64Hash_CreatePooled(ex, 0, Pooled ? &pools_ : nullptr, slots);
     }
     ~IntegerSubject()
     {
-        _korLazy64Hash_Destroy(KOR_AT_D(0, ex_), table_);
-        _korLazy64Hash_DestroyPools(KOR_AT_D(0, ex_), &pools_);
+        _korLazy64Hash_Destroy(0, ex_, table_);
+        _korLazy64Hash_DestroyPools(0, ex_, &pools_);
     }
     IntegerSubject(const IntegerSubject&) = delete;
     IntegerSubject& operator=(const IntegerSubject&) = delete;
@@ -34,21 +34,26 @@ public:
     {
         return static_cast<uint64_t>(table_->count + (table_->oldHash == nullptr ? 0 : table_->oldHash->count));
     }
-    uint64_t set(uint64_t number, uint64_t value)
+    uint64_t set(uint64_t number, uint64_t value) { return _korLazy64Hash_Set(ex_, 0, table_, keyFor(number), value); }
+    uint64_t get(uint64_t number) { return _korLazy64Hash_Get(ex_, 0, table_, keyFor(number)); }
+    uint64_t remove(uint64_t number) { return _korLazy64Hash_Remove(0, ex_, table_, keyFor(number)); }
+    void startWalk()
     {
-        return _korLazy64Hash_Set(KOR_AT(ex_, 0), table_, keyFor(number), value);
+        _korLazy64Hash_IteratorInit(ex_, 0, table_, &walk_);
+        _korLazy64Hash_RemoveCurrent(0, ex_, &walk_); // there is no current entry yet
     }
-    uint64_t get(uint64_t number) { return _korLazy64Hash_Get(KOR_AT(ex_, 0), table_, keyFor(number)); }
-    uint64_t remove(uint64_t number) { return _korLazy64Hash_Remove(KOR_AT_D(0, ex_), table_, keyFor(number)); }
-    void startWalk() { _korLazy64Hash_IteratorInit(KOR_AT(ex_, 0), table_, &walk_); }
     bool next(uint64_t* number, uint64_t* value)
     {
         uint64_t key = 0;
-        bool more = _korLazy64Hash_Next(KOR_AT(ex_, 0), &walk_, &key, value);
+        bool more = _korLazy64Hash_Next(ex_, 0, &walk_, &key, value);
         *number = key & UINT32_MAX ? key : key >> 32;
         return more;
     }
-    void removeCurrent() { _korLazy64Hash_RemoveCurrent(KOR_AT_D(0, ex_), &walk_); }
+    void removeCurrent()
+    {
+        _korLazy64Hash_RemoveCurrent(0, ex_, &walk_);
+        _korLazy64Hash_RemoveCurrent(0, ex_, &walk_); // nor any more
+    }
 
 private:
     static uint64_t keyFor(uint64_t number) { return number % 3 == 0 ? number << 32 : number; }
@@ -62,92 +67,49 @@ private:
 using Subjects = testing::Types<IntegerSubject<false>, IntegerSubject<true>>;
 INSTANTIATE_TYPED_TEST_SUITE_P(Lazy64Hash, TableTest, Subjects);
 
-class Lazy64HashTest : public KorTest
-{
-protected:
-    void fill(korLazy64Hash* hash, uint64_t count)
-    {
-        for (uint64_t key = 0; key < count; key++) {
-            _korLazy64Hash_Set(KOR_AT(ex, 0), hash, key, key + 1);
-        }
-    }
-};
+using Lazy64HashTest = KorTest;
 
 TEST_F(Lazy64HashTest, shrinksNotBelow16)
 {
-    const struct {
-        int64_t slots;
-        uint64_t entries;
-        int64_t after;
-    } cases[] = {{32, 9, 32}, {32, 8, 16}, {16, 1, 16}};
-    for (const auto& wanted : cases) {
-        korLazy64Hash hash;
-        _korLazy64Hash_Init(KOR_AT(ex, 0), &hash, wanted.slots);
-        fill(&hash, wanted.entries);
-        EXPECT_EQ(_korLazy64Hash_Remove(KOR_AT_D(0, ex), &hash, 0), 1);
-        EXPECT_EQ(hash.slotCount, wanted.after);
-        _korLazy64Hash_Clear(KOR_AT_D(0, ex), &hash);
-        _korLazy64Hash_Clear(KOR_AT_D(0, ex), &hash);
-        EXPECT_EQ(_korLazy64Hash_Get(KOR_AT(ex, 0), &hash, 1), 0);
+    korLazy64Hash* hash = _korLazy64Hash_Create(ex, 0, 32);
+    for (uint64_t key = 0; key < 9; key++) {
+        _korLazy64Hash_Set(ex, 0, hash, key, key + 1);
     }
-    korLazy64Hash hash;
-    _korLazy64Hash_Init(KOR_AT(ex, 0), &hash, 0);
-    EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, "Number of slots must be greater than zero");
+    for (uint64_t key = 0; key < 6; key++) { // the count before the removal is tested
+        EXPECT_EQ(_korLazy64Hash_Remove(0, ex, hash, key), key + 1);
+        EXPECT_EQ(hash->slotCount, key == 0 ? 32 : 16);
+    }
+    _korLazy64Hash_Destroy(0, ex, hash);
 }
 
-TEST_F(Lazy64HashTest, anErrorPendingStopsAllButRemoves)
-{
-    korLazy64Hash* hash = _korLazy64Hash_Create(KOR_AT(ex, 0), 4);
-    fill(hash, 3);
-    korLazy64HashIterator iterator;
-    _korLazy64Hash_IteratorInit(KOR_AT(ex, 0), hash, &iterator);
-    KOR_RAISE(ex, 0, KOR_ERROR_TIMEOUT, "pending");
-    EXPECT_EQ(_korLazy64Hash_Get(KOR_AT(ex, 0), hash, 1), 0);
-    EXPECT_EQ(_korLazy64Hash_Set(KOR_AT(ex, 0), hash, 1, 9), 0);
-    EXPECT_FALSE(_korLazy64Hash_Next(KOR_AT(ex, 0), &iterator, nullptr, nullptr));
-    EXPECT_EQ(_korLazy64Hash_Remove(KOR_AT_D(0, ex), hash, 1), 2);
-    EXPECT_RAISED(KOR_ERROR_TIMEOUT, "pending");
-    _korLazy64Hash_RemoveCurrent(KOR_AT_D(0, ex), &iterator); // no current entry yet: key 0 stays
-    EXPECT_EQ(_korLazy64Hash_Get(KOR_AT(ex, 0), hash, 0), 1);
-    _korLazy64Hash_Destroy(KOR_AT_D(0, ex), hash);
-}
-
-TEST_F(Lazy64HashTest, aTableWhosePoolsAreGoneIsGone)
+TEST_F(Lazy64HashTest, aTableOfTheCallersUsesPoolsAndIsGoneWithThem)
 {
     korLazy64HashPools pools;
-    _korLazy64Hash_CreatePools(KOR_AT(ex, 0), &pools);
-    ASSERT_CLEAN();
-    EXPECT_EQ(_korPool_ChunkSize(pools.hashPool), sizeof(korLazy64Hash));
-    EXPECT_EQ(_korPool_ChunkSize(pools.entryCache.pool), sizeof(korLazy64Entry));
-    // One slot, from the cache: the table has nothing of its own on the heap.
-    korLazy64Hash* hash = _korLazy64Hash_CreatePooled(KOR_AT(ex, 0), &pools, 1);
-    ASSERT_CLEAN();
-    korLazy64Hash left = *hash; // the object's memory goes with its pool
-    _korLazy64Hash_DestroyPools(KOR_AT_D(0, ex), &pools);
-    EXPECT_EQ(pools.hashPool, nullptr);
-    _korLazy64Hash_Destroy(KOR_AT_D(0, ex), &left);
-    EXPECT_EQ(left.slotCount, 1);
-    _korLazy64Hash_DestroyPools(KOR_AT_D(0, ex), &pools);
-}
-
-TEST_F(Lazy64HashTest, aTableOfTheCallersTakesItsEntriesFromPools)
-{
-    korLazy64HashPools pools;
-    _korLazy64Hash_CreatePools(KOR_AT(ex, 0), &pools);
+    _korLazy64Hash_CreatePools(ex, 0, &pools);
     ASSERT_CLEAN();
     uint32_t before, after, free;
     _korPool_Memory(pools.entryCache.pool, &before, &free);
     korLazy64Hash hash;
-    _korLazy64Hash_InitPooled(KOR_AT(ex, 0), &hash, &pools, 64);
-    EXPECT_EQ(hash.pools, &pools);
+    _korLazy64Hash_Init(ex, 0, &hash, 0);
+    EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, "Number of slots must be greater than zero");
+    _korLazy64Hash_InitPooled(ex, 0, &hash, &pools, 64);
     for (uint64_t key = 0; key < 1000; key++) {
-        _korLazy64Hash_Set(KOR_AT(ex, 0), &hash, key << 32, key + 1); // few slots for all of them
+        _korLazy64Hash_Set(ex, 0, &hash, key << 32, key + 1); // few slots for all of them
     }
     _korPool_Memory(pools.entryCache.pool, &after, &free);
     EXPECT_GT(after, before);
-    EXPECT_EQ(_korLazy64Hash_Get(KOR_AT(ex, 0), &hash, uint64_t{999} << 32), 1000);
-    _korLazy64Hash_Clear(KOR_AT_D(0, ex), &hash);
-    _korLazy64Hash_DestroyPools(KOR_AT_D(0, ex), &pools);
+    EXPECT_EQ(_korLazy64Hash_Get(ex, 0, &hash, uint64_t{999} << 32), 1000);
+    _korLazy64Hash_Clear(0, ex, &hash);
+    _korLazy64Hash_Clear(0, ex, &hash);
+    EXPECT_EQ(_korLazy64Hash_Get(ex, 0, &hash, 1), 0);
+
+    // One slot, from the cache: the table has nothing of its own on the heap.
+    korLazy64Hash left = *_korLazy64Hash_CreatePooled(ex, 0, &pools, 1);
+    _korLazy64Hash_DestroyPools(0, ex, &pools);
+    EXPECT_EQ(pools.hashPool, nullptr);
+    _korLazy64Hash_Destroy(0, ex, &left);
+    EXPECT_EQ(left.slotCount, 1);
+    _korLazy64Hash_DestroyPools(0, ex, &pools);
 }
 
 } // namespace

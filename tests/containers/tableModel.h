@@ -188,6 +188,23 @@ TYPED_TEST_P(TableTest, survivesFailingAllocations)
     EXPECT_GT(sweepFailures(this->ex, scenario), 10);
 }
 
-REGISTER_TYPED_TEST_SUITE_P(TableTest, holdsWhatTheModelHolds, survivesFailingAllocations);
+TYPED_TEST_P(TableTest, stopsAtAnErrorButForRemoves)
+{
+    EXPECT_FALSE(TypeParam(this->ex, 0).made());
+    EXPECT_EQ(std::exchange(this->ex->code, 0), KOR_ERROR_INVALID_ARGUMENT);
+    TypeParam subject(this->ex, 4);
+    subject.set(1, 5);
+    subject.set(2, 6);
+    KOR_RAISE(this->ex, 0, KOR_ERROR_TIMEOUT, "before");
+    EXPECT_FALSE(TypeParam(this->ex, 4).made());
+    EXPECT_EQ(subject.get(1), 0);
+    EXPECT_EQ(subject.set(2, 7) + subject.set(3, 7), 0);
+    EXPECT_EQ(subject.remove(1), 5);
+    EXPECT_TRUE(raised(this->ex, KOR_ERROR_TIMEOUT, "before"));
+    EXPECT_EQ(subject.held(), 1);
+    EXPECT_EQ(subject.get(2), 6);
+}
+
+REGISTER_TYPED_TEST_SUITE_P(TableTest, holdsWhatTheModelHolds, survivesFailingAllocations, stopsAtAnErrorButForRemoves);
 
 } // namespace kor::test
