@@ -148,12 +148,14 @@ TYPED_TEST_P(TableTest, holdsWhatTheModelHolds)
         for (int step = 0; step < 20000 && !this->HasFailure(); step++) {
             this->change(subject, step / 5000 % 2 == 0 ? 60 : 3);
         }
-        for (uint64_t number = 0; number < 300; number++) { // a size change may still be running
-            this->model.set(number, number + 1);
-            subject.set(number, number + 1);
-        }
         this->walkAll(subject, 0);
-        this->walkAll(subject, 100);
+        for (unsigned removed : {100u, 0u}) { // a full table, too, is taken down
+            for (uint64_t number = 0; number < 300; number++) {
+                this->model.set(number, number + 1);
+                subject.set(number, number + 1);
+            }
+            this->walkAll(subject, removed); // a lazy size change may still be running
+        }
     }
 }
 
