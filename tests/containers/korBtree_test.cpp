@@ -401,7 +401,7 @@ protected:
         int64_t least = model.begin()->first, greatest = model.rbegin()->first;
         return random.chance(15)   ? least
                : random.chance(15) ? greatest
-                                   : least + draw(static_cast<uint64_t>(greatest - least + 1));
+                                   : least - 1 + draw(static_cast<uint64_t>(greatest - least + 3));
     }
 
     void setOne(int64_t key)

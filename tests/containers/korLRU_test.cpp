@@ -31,27 +31,20 @@ TEST(KorLRU, AgainstAModel)
         korLRUItem* item = &items[random.below(items.size())];
         bool listed = std::find(model.begin(), model.end(), item) != model.end();
         ASSERT_EQ(item->prev != nullptr, listed);
-        switch (random.below(4)) {
-        case 0:
-            _korLRU_Add(&lru, item); // one that is there stays where it is
-            if (!listed) {
-                model.push_back(item);
-            }
-            break;
-        case 1:
-            _korLRU_Use(&lru, item);
-            model.remove(item);
-            model.push_back(item);
-            break;
-        case 2:
-            _korLRU_Remove(&lru, item);
-            model.remove(item);
-            break;
-        default:
+        unsigned draw = static_cast<unsigned>(random.below(4));
+        if (draw == 0) {
             ASSERT_EQ(_korLRU_RemoveLast(&lru), model.empty() ? nullptr : model.front());
-            if (!model.empty()) {
-                model.pop_front();
-            }
+            item = model.empty() ? nullptr : model.front();
+        } else if (draw == 1) {
+            _korLRU_Remove(&lru, item);
+        } else {
+            draw == 2 ? _korLRU_Use(&lru, item) : _korLRU_Add(&lru, item);
+        }
+        if (draw != 3) {
+            model.remove(item);
+        }
+        if (draw == 2 || (draw == 3 && !listed)) { // what is added again stays where it is
+            model.push_back(item);
         }
         ASSERT_EQ(lru.count, static_cast<int64_t>(model.size()));
         ASSERT_EQ(walk(&lru), model);
@@ -72,13 +65,10 @@ TEST(KorLRU, NothingIsDoneToNothing)
     for (auto operation : {_korLRU_Add, _korLRU_Use, _korLRU_Remove}) {
         operation(nullptr, &item);
         operation(&lru, nullptr);
-        operation(nullptr, nullptr);
     }
     EXPECT_TRUE(lru.count == 0 && item.next == nullptr && item.prev == nullptr);
-    EXPECT_EQ(_korLRU_RemoveLast(nullptr), nullptr);
-    EXPECT_EQ(_korLRU_Last(nullptr), nullptr);
-    EXPECT_EQ(_korLRU_Prev(nullptr), nullptr);
-    EXPECT_EQ(_korLRU_Prev(&item), nullptr);
+    EXPECT_TRUE(_korLRU_RemoveLast(nullptr) == nullptr && _korLRU_Last(nullptr) == nullptr);
+    EXPECT_TRUE(_korLRU_Prev(nullptr) == nullptr && _korLRU_Prev(&item) == nullptr);
 }
 
 } // namespace
