@@ -465,9 +465,9 @@ TEST_F(KorBtreeModel, MatchesAMapWithTheIntegrityCheckAfterEveryStep)
         for (const Pattern& pattern : patterns) {
             SCOPED_TRACE(testing::Message() << "capacity " << capacity << " " << pattern.name);
             make(static_cast<uint16_t>(capacity));
-            run(pattern, 3000);
+            run(pattern, 2800); // ends grown
             drain(true);
-            run(pattern, 500);
+            run(pattern, 400);
             drain(false);
             ASSERT_FALSE(HasFailure());
         }

@@ -9,6 +9,7 @@
 #include "korutil/korSpookyHash.h"
 #include "korutil/korStrHash.h"
 
+#include <array>
 #include <cstring>
 #include <vector>
 
@@ -32,11 +33,10 @@ struct Pools {
 
 // What the forms have in common: table, pools if a size of keys is given, and a walk.
 template <auto create, auto destroy, auto initWalk, auto removeFromWalk>
-class HashSubject
+class HashSubject : public LazySubject<korHash, korHashIterator>
 {
 public:
-    static constexpr bool lazy = true;
-    HashSubject(korEx* ex, int64_t slots, int32_t keySize) : ex_(ex)
+    HashSubject(korEx* ex, int64_t slots, int32_t keySize) : LazySubject(ex)
     {
         if (keySize != 0) {
             pools_.emplace(ex, keySize);
@@ -45,13 +45,6 @@ public:
                         : create(ex, 0, slots, nullptr, nullptr, nullptr);
     }
     ~HashSubject() { destroy(0, ex_, table_); }
-    HashSubject(const HashSubject&) = delete;
-    HashSubject& operator=(const HashSubject&) = delete;
-    bool made() const { return table_ != nullptr; }
-    uint64_t held() const
-    {
-        return static_cast<uint64_t>(table_->count + (table_->oldHash == nullptr ? 0 : table_->oldHash->count));
-    }
     void startWalk()
     {
         initWalk(table_, &walk_);
@@ -64,28 +57,24 @@ public:
     }
 
 protected:
-    // Keys of every third number are not copied; their text is kept by keyOf.
     static bool copies(uint64_t number) { return number % 3 != 0; }
-    korEx* ex_;
     std::optional<Pools> pools_;
-    korHash* table_;
-    korHashIterator walk_{};
 };
 
-// Keys lie at two addresses, to store them and to ask with. They are made once, since the sweep fails every allocation.
+// Keys lie at two addresses, to store them, not always as copies, and to ask with. They are made once, since the sweep
+// fails every allocation.
 enum { stored, asked };
 template <auto make>
 const auto& keyOf(uint64_t number, int use)
 {
     static const auto keys = [] {
-        std::vector<decltype(make(0))> made[2];
-        for (uint64_t at = 0; at < tableNumbers; at++) {
-            made[stored].push_back(make(at));
-            made[asked].push_back(make(at));
+        std::vector<decltype(make(0))> made;
+        for (uint64_t at = 0; at < 2 * tableNumbers; at++) {
+            made.push_back(make(at / 2));
         }
-        return std::to_array(made);
+        return made;
     }();
-    return keys[static_cast<size_t>(use)][number];
+    return keys[2 * number + static_cast<uint64_t>(use)];
 }
 
 // Binary keys of 9 to 309 bytes that begin with the number; a quarter with codes that collide.
@@ -94,42 +83,32 @@ class ByteSubject
 {
 public:
     ByteSubject(korEx* ex, int64_t slots, int32_t keySize = 0) : HashSubject(ex, slots, keySize) {}
-    uint64_t set(uint64_t number, uint64_t value)
+    uint64_t set(uint64_t n, uint64_t value)
     {
-        const std::string& key = keyOf<make>(number, stored);
-        return _korHash_Set(ex_, 0, table_, key.data(), size(key), code(number), copies(number), value);
+        return _korHash_Set(ex_, 0, table_, key(n, stored), size(n), code(n), copies(n), value);
     }
-    uint64_t get(uint64_t number)
+    uint64_t get(uint64_t n) { return _korHash_Get(ex_, 0, table_, key(n), size(n), code(n)); }
+    uint64_t remove(uint64_t n) { return _korHash_Remove(0, ex_, table_, key(n), size(n), code(n)); }
+    bool next(uint64_t* n, uint64_t* value)
     {
-        const std::string& key = keyOf<make>(number, asked);
-        return _korHash_Get(ex_, 0, table_, key.data(), size(key), code(number));
-    }
-    uint64_t remove(uint64_t number)
-    {
-        const std::string& key = keyOf<make>(number, asked);
-        return _korHash_Remove(0, ex_, table_, key.data(), size(key), code(number));
-    }
-    bool next(uint64_t* number, uint64_t* value)
-    {
-        const void* key;
+        const void* bytes;
         uint32_t length;
-        bool more = _korHash_Next(&walk_, &key, &length, value);
+        bool more = _korHash_Next(&walk_, &bytes, &length, value);
         if (more) {
-            std::memcpy(number, key, sizeof(*number));
-            EXPECT_EQ(length, size(keyOf<make>(*number, stored)));
+            std::memcpy(n, bytes, sizeof(*n));
+            EXPECT_EQ(length, size(*n));
         }
         return more;
     }
 
 private:
-    static uint32_t size(const std::string& key) { return static_cast<uint32_t>(key.size()); }
-    static uint32_t code(uint64_t number) { return number % 4 == 0 ? static_cast<uint32_t>(number % 64) + 1 : 0; }
-    static std::string make(uint64_t number)
+    static uint32_t size(uint64_t n) { return static_cast<uint32_t>(9 + n % 7 * 50); }
+    static uint32_t code(uint64_t n) { return n % 4 == 0 ? static_cast<uint32_t>(n % 64) + 1 : 0; }
+    static std::string make(uint64_t n)
     {
-        std::string key(9 + number % 7 * 50, 'k');
-        std::memcpy(key.data(), &number, sizeof(number));
-        return key;
+        return std::string(reinterpret_cast<const char*>(&n), sizeof(n)) + std::string(size(n) - sizeof(n), 'k');
     }
+    static const char* key(uint64_t n, int use = asked) { return keyOf<make>(n, use).data(); }
 };
 
 class PooledByteSubject : public ByteSubject
@@ -143,33 +122,33 @@ class TextSubject : public HashSubject<_korStrHash_CreatePooled, _korStrHash_Des
 {
 public:
     TextSubject(korEx* ex, int64_t slots) : HashSubject(ex, slots, 4) {}
-    uint64_t set(uint64_t number, uint64_t value)
+    uint64_t set(uint64_t n, uint64_t value)
     {
-        return _korStrHash_Set(ex_, 0, table_, keyOf<make>(number, stored).c_str(), copies(number), value);
+        return _korStrHash_Set(ex_, 0, table_, key(n, stored), copies(n), value);
     }
-    uint64_t get(uint64_t number)
+    uint64_t get(uint64_t n)
     {
-        const char* key = keyOf<make>(number, asked).c_str();
-        if (number % 100 == 0) {
+        if (n % 100 == 0) {
             _korStrHash_MakeStatic(ex_, 0, table_);
             EXPECT_TRUE(table_->oldHash == nullptr || ex_->code != 0);
         }
-        uint64_t value = _korStrHash_Get(ex_, 0, table_, key);
-        EXPECT_TRUE(ex_->code != 0 || _korStrHash_ContainsKey(ex_, 0, table_, key) == (value != 0));
+        uint64_t value = _korStrHash_Get(ex_, 0, table_, key(n));
+        EXPECT_TRUE(ex_->code != 0 || _korStrHash_ContainsKey(ex_, 0, table_, key(n)) == (value != 0));
         return value;
     }
-    uint64_t remove(uint64_t number) { return _korStrHash_Remove(0, ex_, table_, keyOf<make>(number, asked).c_str()); }
-    bool next(uint64_t* number, uint64_t* value)
+    uint64_t remove(uint64_t n) { return _korStrHash_Remove(0, ex_, table_, key(n)); }
+    bool next(uint64_t* n, uint64_t* value)
     {
-        const char* key;
-        bool more = _korStrHash_Next(&walk_, &key, value);
-        *number = more ? std::strtoull(key, nullptr, 10) : 0;
+        const char* text;
+        bool more = _korStrHash_Next(&walk_, &text, value);
+        *n = more ? std::strtoull(text, nullptr, 10) : 0;
         EXPECT_EQ(_korStrHash_SetCurrent(&walk_, *value), more ? *value : 0);
         return more;
     }
 
 private:
-    static std::string make(uint64_t number) { return std::to_string(number); }
+    static std::string make(uint64_t n) { return std::to_string(n); }
+    static const char* key(uint64_t n, int use = asked) { return keyOf<make>(n, use).c_str(); }
 };
 
 // A third UUIDs, a third numbers whose low word is 0, a third ordinary numbers.
@@ -178,39 +157,38 @@ class IdentifierSubject : public HashSubject<_korHIDHash_CreatePooled, _korHIDHa
 {
 public:
     IdentifierSubject(korEx* ex, int64_t slots) : HashSubject(ex, slots, 0) {}
-    uint64_t set(uint64_t number, uint64_t value)
+    uint64_t set(uint64_t n, uint64_t value)
     {
-        return _korHIDHash_Set(ex_, 0, table_, &keyOf<make>(number, stored), copies(number / 3), value);
+        return _korHIDHash_Set(ex_, 0, table_, key(n, stored), copies(n / 3), value);
     }
-    uint64_t get(uint64_t number)
+    uint64_t get(uint64_t n)
     {
-        const korHeaderID* key = &keyOf<make>(number, asked);
-        uint64_t value = _korHIDHash_Get(ex_, 0, table_, key);
-        EXPECT_TRUE(ex_->code != 0 || _korHIDHash_ContainsKey(ex_, 0, table_, key) == (value != 0));
+        uint64_t value = _korHIDHash_Get(ex_, 0, table_, key(n));
+        EXPECT_TRUE(ex_->code != 0 || _korHIDHash_ContainsKey(ex_, 0, table_, key(n)) == (value != 0));
         return value;
     }
-    uint64_t remove(uint64_t number)
+    uint64_t remove(uint64_t n)
     {
-        const korHeaderID* key = &keyOf<make>(number, asked);
-        return number % 2 == 0 ? _korHIDHash_Remove(ex_, 0, table_, key) : _korHIDHash_RemoveEx(0, ex_, table_, key);
+        return n % 2 == 0 ? _korHIDHash_Remove(ex_, 0, table_, key(n)) : _korHIDHash_RemoveEx(0, ex_, table_, key(n));
     }
-    bool next(uint64_t* number, uint64_t* value)
+    bool next(uint64_t* n, uint64_t* value)
     {
-        const korHeaderID* key;
-        bool more = _korHIDHash_Next(&walk_, &key, value);
+        const korHeaderID* id;
+        bool more = _korHIDHash_Next(&walk_, &id, value);
         if (more) {
-            *number = key->id == 0 ? key->uuid[1] : (key->id & UINT32_MAX) == 0 ? (key->id >> 32) - 1 : key->id - 1;
+            *n = id->id == 0 ? id->uuid[1] : (id->id & UINT32_MAX) == 0 ? (id->id >> 32) - 1 : id->id - 1;
         }
         return more;
     }
 
 private:
-    static korHeaderID make(uint64_t number)
+    static korHeaderID make(uint64_t n)
     {
-        return number % 3 == 0   ? korHeaderID{0, {~number, number}}
-               : number % 3 == 1 ? korHeaderID{(number + 1) << 32, {0, 0}}
-                                 : korHeaderID{number + 1, {number, 1}}; // the UUID is no part of a number's key
+        return n % 3 == 0   ? korHeaderID{0, {~n, n}}
+               : n % 3 == 1 ? korHeaderID{(n + 1) << 32, {0, 0}}
+                            : korHeaderID{n + 1, {n, 1}}; // the UUID is no part of a number's key
     }
+    static const korHeaderID* key(uint64_t n, int use = asked) { return &keyOf<make>(n, use); }
 };
 
 using Subjects = testing::Types<ByteSubject, PooledByteSubject, TextSubject, IdentifierSubject>;
@@ -493,13 +471,10 @@ TEST_F(HashTest, poolsAreSizedByCapacity)
 {
     for (auto [capacity, entries, keys] : {std::array{-1, 87381, 4194304 / 32}, {0, 100, 100}, {101, 101, 101}}) {
         Pools pools(ex, 32, capacity);
-        ASSERT_CLEAN();
         EXPECT_EQ(pools.entry->chunksPerBlock, entries);
         EXPECT_EQ(pools.key->chunksPerBlock, keys);
         korHash own;
         _korHash_InitPooled(ex, 0, &own, 4, pools.entry, pools.key);
-        _korHash_Set(ex, 0, &own, "a", 0, 0, 1, 5);
-        EXPECT_EQ(_korHash_Get(ex, 0, &own, "a", 0, 0), 5);
         EXPECT_EQ(own.entryPool, pools.entry);
         _korHash_Clear(0, ex, &own);
     }

@@ -24,46 +24,43 @@ uint64_t numberOf(int64_t key)
 }
 
 template <bool Pooled>
-class IntegerSubject
+class IntegerSubject : public TableSubject<korI64Hash, korI64HashIterator>
 {
 public:
     static constexpr bool lazy = false;
-    IntegerSubject(korEx* ex, int64_t count) : ex_(ex)
+    IntegerSubject(korEx* ex, int64_t count) : TableSubject(ex)
     {
         auto slots = static_cast<int32_t>(count);
         if (Pooled) {
             _korI64Hash_CreatePoolsEx(ex, 0, &pools_, 8);
         }
-        hash_ = Pooled ? _korI64Hash_CreatePooled(ex, 0, &pools_, slots) : _korI64Hash_Create(ex, 0, slots);
+        table_ = Pooled ? _korI64Hash_CreatePooled(ex, 0, &pools_, slots) : _korI64Hash_Create(ex, 0, slots);
     }
     ~IntegerSubject()
     {
-        Pooled ? _korI64Hash_DestroyPooled(0, ex_, hash_, &pools_) : _korI64Hash_Destroy(0, ex_, hash_);
+        Pooled ? _korI64Hash_DestroyPooled(0, ex_, table_, &pools_) : _korI64Hash_Destroy(0, ex_, table_);
         _korI64Hash_DestroyPools(0, ex_, &pools_);
         EXPECT_EQ(pools_.hashPool, nullptr);
         _korI64Hash_DestroyPools(0, ex_, &pools_);
     }
-    IntegerSubject(const IntegerSubject&) = delete;
-    IntegerSubject& operator=(const IntegerSubject&) = delete;
-    bool made() const { return hash_ != nullptr; }
-    uint64_t held() const { return hash_->entryCount; }
+    int64_t held() const { return table_->entryCount; }
     uint64_t set(uint64_t number, uint64_t value)
     {
-        return Pooled ? _korI64Hash_SetPooled(ex_, 0, hash_, &pools_, keyFor(number), value)
-                      : _korI64Hash_Set(ex_, 0, hash_, keyFor(number), value);
+        return Pooled ? _korI64Hash_SetPooled(ex_, 0, table_, &pools_, keyFor(number), value)
+                      : _korI64Hash_Set(ex_, 0, table_, keyFor(number), value);
     }
-    uint64_t get(uint64_t number) { return _korI64Hash_Get(ex_, 0, hash_, keyFor(number)); }
+    uint64_t get(uint64_t number) { return _korI64Hash_Get(ex_, 0, table_, keyFor(number)); }
     uint64_t remove(uint64_t number)
     {
-        return Pooled ? _korI64Hash_RemovePooled(0, ex_, hash_, &pools_, keyFor(number))
-                      : _korI64Hash_Remove(0, ex_, hash_, keyFor(number));
+        return Pooled ? _korI64Hash_RemovePooled(0, ex_, table_, &pools_, keyFor(number))
+                      : _korI64Hash_Remove(0, ex_, table_, keyFor(number));
     }
     uint64_t removeDuringWalk(uint64_t number)
     {
-        return Pooled ? _korI64Hash_RemovePooledIterSafe(0, ex_, hash_, &pools_, keyFor(number), &walk_)
-                      : _korI64Hash_RemoveIterSafe(0, ex_, hash_, keyFor(number), &walk_);
+        return Pooled ? _korI64Hash_RemovePooledIterSafe(0, ex_, table_, &pools_, keyFor(number), &walk_)
+                      : _korI64Hash_RemoveIterSafe(0, ex_, table_, keyFor(number), &walk_);
     }
-    void startWalk() { _korI64Hash_IteratorInit(ex_, 0, hash_, &walk_); }
+    void startWalk() { _korI64Hash_IteratorInit(ex_, 0, table_, &walk_); }
     bool next(uint64_t* number, uint64_t* value)
     {
         int64_t key = 0;
@@ -77,10 +74,7 @@ public:
     }
 
 private:
-    korEx* ex_;
     korI64HashPools pools_{};
-    korI64Hash* hash_;
-    korI64HashIterator walk_{};
 };
 
 using Subjects = testing::Types<IntegerSubject<false>, IntegerSubject<true>>;

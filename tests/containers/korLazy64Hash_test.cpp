@@ -11,11 +11,10 @@ namespace {
 
 // Keys of which a third differ above the low 32 bits only; number 0 is key 0.
 template <bool Pooled>
-class IntegerSubject
+class IntegerSubject : public LazySubject<korLazy64Hash, korLazy64HashIterator>
 {
 public:
-    static constexpr bool lazy = true;
-    IntegerSubject(korEx* ex, int64_t slots) : ex_(ex)
+    IntegerSubject(korEx* ex, int64_t slots) : LazySubject(ex)
     {
         if (Pooled) {
             _korLazy64Hash_CreatePoolsEx(ex, 0, &pools_, 8);
@@ -27,16 +26,9 @@ public:
         _korLazy64Hash_Destroy(0, ex_, table_);
         _korLazy64Hash_DestroyPools(0, ex_, &pools_);
     }
-    IntegerSubject(const IntegerSubject&) = delete;
-    IntegerSubject& operator=(const IntegerSubject&) = delete;
-    bool made() const { return table_ != nullptr; }
-    uint64_t held() const
-    {
-        return static_cast<uint64_t>(table_->count + (table_->oldHash == nullptr ? 0 : table_->oldHash->count));
-    }
-    uint64_t set(uint64_t number, uint64_t value) { return _korLazy64Hash_Set(ex_, 0, table_, keyFor(number), value); }
-    uint64_t get(uint64_t number) { return _korLazy64Hash_Get(ex_, 0, table_, keyFor(number)); }
-    uint64_t remove(uint64_t number) { return _korLazy64Hash_Remove(0, ex_, table_, keyFor(number)); }
+    uint64_t set(uint64_t number, uint64_t value) { return _korLazy64Hash_Set(ex_, 0, table_, key(number), value); }
+    uint64_t get(uint64_t number) { return _korLazy64Hash_Get(ex_, 0, table_, key(number)); }
+    uint64_t remove(uint64_t number) { return _korLazy64Hash_Remove(0, ex_, table_, key(number)); }
     void startWalk()
     {
         _korLazy64Hash_IteratorInit(ex_, 0, table_, &walk_);
@@ -44,9 +36,8 @@ public:
     }
     bool next(uint64_t* number, uint64_t* value)
     {
-        uint64_t key = 0;
-        bool more = _korLazy64Hash_Next(ex_, 0, &walk_, &key, value);
-        *number = key & UINT32_MAX ? key : key >> 32;
+        bool more = _korLazy64Hash_Next(ex_, 0, &walk_, number, value);
+        *number = (*number & UINT32_MAX) != 0 ? *number : *number >> 32;
         return more;
     }
     void removeCurrent()
@@ -56,12 +47,9 @@ public:
     }
 
 private:
-    static uint64_t keyFor(uint64_t number) { return number % 3 == 0 ? number << 32 : number; }
+    static uint64_t key(uint64_t number) { return number % 3 == 0 ? number << 32 : number; }
 
-    korEx* ex_;
     korLazy64HashPools pools_{};
-    korLazy64Hash* table_;
-    korLazy64HashIterator walk_{};
 };
 
 using Subjects = testing::Types<IntegerSubject<false>, IntegerSubject<true>>;

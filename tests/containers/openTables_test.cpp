@@ -10,35 +10,35 @@ namespace kor::test {
 namespace {
 
 // Walks begin with a removal that has nothing to remove yet, and each entry is removed twice.
-class Subject32
+class Subject32 : public TableSubject<korI32Hash, korHashChainIterator>
 {
 public:
     static constexpr bool lazy = false;
-    Subject32(korEx* ex, int64_t slots) : ex_(ex), hash_(_korI32Hash_Create(ex, 0, static_cast<int32_t>(slots))) {}
-    ~Subject32() { _korI32Hash_Destroy(0, ex_, hash_); }
-    Subject32(const Subject32&) = delete;
-    Subject32& operator=(const Subject32&) = delete;
-    bool made() const { return hash_ != nullptr; }
-    uint64_t held() const { return static_cast<uint64_t>(hash_->count); }
-    int64_t mask() const { return hash_->mask; }
-    uint64_t get(uint64_t number) { return _korI32Hash_Get(ex_, 0, hash_, keyFor(number)); }
-    uint64_t set(uint64_t number, uint64_t value) { return _korI32Hash_Set(ex_, 0, hash_, keyFor(number), value); }
+    Subject32(korEx* ex, int64_t slots) : TableSubject(ex)
+    {
+        table_ = _korI32Hash_Create(ex, 0, static_cast<int32_t>(slots));
+    }
+    ~Subject32() { _korI32Hash_Destroy(0, ex_, table_); }
+    int64_t held() const { return table_->count; }
+    int64_t mask() const { return table_->mask; }
+    uint64_t get(uint64_t number) { return _korI32Hash_Get(ex_, 0, table_, key(number)); }
+    uint64_t set(uint64_t number, uint64_t value) { return _korI32Hash_Set(ex_, 0, table_, key(number), value); }
     uint64_t remove(uint64_t number)
     {
-        EXPECT_EQ(_korI32Hash_Remove(0, ex_, nullptr, keyFor(number)), 0u);
-        return _korI32Hash_Remove(0, ex_, hash_, keyFor(number));
+        EXPECT_EQ(_korI32Hash_Remove(0, ex_, nullptr, key(number)), 0u);
+        return _korI32Hash_Remove(0, ex_, table_, key(number));
     }
     void startWalk()
     {
-        _korI32Hash_IteratorInit(hash_, &walk_);
+        _korI32Hash_IteratorInit(table_, &walk_);
         _korI32Hash_RemoveCurrent(0, ex_, &walk_);
         _korI32Hash_RemoveCurrent(0, ex_, nullptr);
     }
     bool next(uint64_t* number, uint64_t* value)
     {
-        uint32_t key = 0;
-        bool more = _korI32Hash_Next(&walk_, &key, value);
-        *number = key < tableNumbers ? key : key >> 20;
+        uint32_t found = 0;
+        bool more = _korI32Hash_Next(&walk_, &found, value);
+        *number = found < tableNumbers ? found : found >> 20;
         return more;
     }
     void removeCurrent()
@@ -48,64 +48,57 @@ public:
     }
 
 private:
-    static uint32_t keyFor(uint64_t number) { return static_cast<uint32_t>(number % 3 == 0 ? number << 20 : number); }
-
-    korEx* ex_;
-    korI32Hash* hash_;
-    korHashChainIterator walk_{};
+    static uint32_t key(uint64_t number) { return static_cast<uint32_t>(number % 3 == 0 ? number << 20 : number); }
 };
 
 template <bool Pooled>
-class Subject128
+class Subject128 : public TableSubject<kor128Hash, korHashChainIterator>
 {
 public:
     static constexpr bool lazy = false;
-    Subject128(korEx* ex, int64_t slots) : ex_(ex)
+    Subject128(korEx* ex, int64_t slots) : TableSubject(ex)
     {
         if (Pooled) {
             _kor128Hash_CreatePools(ex, 0, &hashPool_, &cache_, 0, 16);
             EXPECT_EQ(hashPool_ == nullptr || cache_ == nullptr, ex->code != 0);
         }
-        hash_ = _kor128Hash_CreatePooled(ex, 0, slots, hashPool_, cache_);
+        table_ = _kor128Hash_CreatePooled(ex, 0, slots, hashPool_, cache_);
     }
     ~Subject128()
     {
         korPool* entryPool = cache_ == nullptr ? nullptr : cache_->pool;
-        _kor128Hash_DestroyPooled(0, ex_, hash_, hashPool_);
+        _kor128Hash_DestroyPooled(0, ex_, table_, hashPool_);
         _korPoolCache_Destroy(0, ex_, cache_);
         _korPool_Destroy(0, ex_, entryPool);
         _korPool_Destroy(0, ex_, hashPool_);
     }
-    Subject128(const Subject128&) = delete;
-    Subject128& operator=(const Subject128&) = delete;
-    bool made() const { return hash_ != nullptr; }
-    uint64_t held() const { return static_cast<uint64_t>(hash_->count); }
-    int64_t mask() const { return hash_->mask; }
+    int64_t held() const { return table_->count; }
+    int64_t mask() const { return table_->mask; }
     uint64_t get(uint64_t number)
     {
         const uint64_t key[2] = {number, number * high};
-        EXPECT_EQ(_kor128Hash_ContainsKey(hash_, key), _kor128Hash_ContainsKey2(hash_, number, key[1]));
-        EXPECT_FALSE(number > 1 && _kor128Hash_ContainsKey2(hash_, key[1], number)) << "words are not swapped";
-        uint64_t value = _kor128Hash_Get(ex_, 0, hash_, key);
-        EXPECT_EQ(_kor128Hash_Get2(ex_, 0, hash_, number, key[1]), value);
+        EXPECT_EQ(_kor128Hash_ContainsKey(table_, key), _kor128Hash_ContainsKey2(table_, number, key[1]));
+        EXPECT_FALSE(number > 1 && _kor128Hash_ContainsKey2(table_, key[1], number)) << "words are not swapped";
+        uint64_t value = _kor128Hash_Get(ex_, 0, table_, key);
+        EXPECT_EQ(_kor128Hash_Get2(ex_, 0, table_, number, key[1]), value);
         return value;
     }
     uint64_t set(uint64_t number, uint64_t value)
     {
         const uint64_t key[2] = {number, number * high};
-        return value % 2 != 0 ? _kor128Hash_Set(ex_, 0, hash_, key, value)
-                              : _kor128Hash_Set2(ex_, 0, hash_, number, key[1], value);
+        return value % 2 != 0 ? _kor128Hash_Set(ex_, 0, table_, key, value)
+                              : _kor128Hash_Set2(ex_, 0, table_, number, key[1], value);
     }
     uint64_t remove(uint64_t number)
     {
         const uint64_t key[2] = {number, number * high};
         EXPECT_EQ(_kor128Hash_Remove(0, ex_, nullptr, key) + _kor128Hash_Remove2(0, ex_, nullptr, number, key[1]), 0u);
-        return number % 2 != 0 ? _kor128Hash_Remove(0, ex_, hash_, key)
-                               : _kor128Hash_Remove2(0, ex_, hash_, number, key[1]);
+        return number % 2 != 0 ? _kor128Hash_Remove(0, ex_, table_, key)
+                               : _kor128Hash_Remove2(0, ex_, table_, number, key[1]);
     }
     void startWalk()
     {
-        _kor128Hash_IteratorInit(hash_, &walk_);
+        _kor128Hash_IteratorInit(table_, &walk_);
         _kor128Hash_RemoveCurrent(0, ex_, &walk_);
     }
     bool next(uint64_t* number, uint64_t* value)
@@ -125,11 +118,8 @@ public:
 private:
     static constexpr uint64_t high = 0x0123456789abcdef;
 
-    korEx* ex_;
     korPool* hashPool_ = nullptr;
     korPoolCache* cache_ = nullptr;
-    kor128Hash* hash_;
-    korHashChainIterator walk_{};
 };
 
 using Subjects = testing::Types<Subject32, Subject128<false>, Subject128<true>>;

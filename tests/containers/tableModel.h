@@ -1,7 +1,7 @@
-// tableModel.h - the model check and the sweep that every table of keys goes through, by a small adapter:
+// tableModel.h - the model check and the sweep that every table of keys goes through, by a small adapter, a
+// TableSubject for the table's record and its walk:
 //
 //     Subject(korEx* ex, int64_t slots)       makes the table (and its pools), the destructor takes them down
-//     made()                                  false if it could not be made
 //     held()                                  how many entries the table says it has
 //     set, get, remove(number ...)            numbers below tableNumbers stand for keys
 //     startWalk(), next(&number, &value), removeCurrent()
@@ -20,6 +20,34 @@
 namespace kor::test {
 
 constexpr uint64_t tableNumbers = 1000;
+
+template <class Table, class Walk>
+class TableSubject
+{
+public:
+    explicit TableSubject(korEx* ex) : ex_(ex) {}
+    TableSubject(const TableSubject&) = delete;
+    TableSubject& operator=(const TableSubject&) = delete;
+    bool made() const { return table_ != nullptr; }
+
+protected:
+    korEx* ex_;
+    Table* table_ = nullptr;
+    Walk walk_{};
+};
+
+/// The same for a table that changes its size lazily, with a part of the entries in the old one.
+template <class Table, class Walk>
+class LazySubject : public TableSubject<Table, Walk>
+{
+public:
+    using TableSubject<Table, Walk>::TableSubject;
+    static constexpr bool lazy = true;
+    int64_t held() const
+    {
+        return this->table_->count + (this->table_->oldHash == nullptr ? 0 : this->table_->oldHash->count);
+    }
+};
 
 /// What the table must hold, in the order of insertion, and where a walk stands.
 class TableModel
