@@ -27,7 +27,7 @@ template <bool Pooled>
 class IntegerSubject : public TableSubject<korI64Hash, korI64HashIterator>
 {
 public:
-    static constexpr bool lazy = false;
+    static constexpr bool removesOnce = false;
     IntegerSubject(korEx* ex, int64_t count) : TableSubject(ex)
     {
         auto slots = static_cast<int32_t>(count);

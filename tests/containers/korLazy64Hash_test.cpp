@@ -29,22 +29,14 @@ public:
     uint64_t set(uint64_t number, uint64_t value) { return _korLazy64Hash_Set(ex_, 0, table_, key(number), value); }
     uint64_t get(uint64_t number) { return _korLazy64Hash_Get(ex_, 0, table_, key(number)); }
     uint64_t remove(uint64_t number) { return _korLazy64Hash_Remove(0, ex_, table_, key(number)); }
-    void startWalk()
-    {
-        _korLazy64Hash_IteratorInit(ex_, 0, table_, &walk_);
-        _korLazy64Hash_RemoveCurrent(0, ex_, &walk_); // there is no current entry yet
-    }
+    void startWalk() { _korLazy64Hash_IteratorInit(ex_, 0, table_, &walk_); }
     bool next(uint64_t* number, uint64_t* value)
     {
         bool more = _korLazy64Hash_Next(ex_, 0, &walk_, number, value);
         *number = (*number & UINT32_MAX) != 0 ? *number : *number >> 32;
         return more;
     }
-    void removeCurrent()
-    {
-        _korLazy64Hash_RemoveCurrent(0, ex_, &walk_);
-        _korLazy64Hash_RemoveCurrent(0, ex_, &walk_); // nor any more
-    }
+    void removeCurrent() { _korLazy64Hash_RemoveCurrent(0, ex_, &walk_); }
 
 private:
     static uint64_t key(uint64_t number) { return number % 3 == 0 ? number << 32 : number; }

@@ -7,6 +7,7 @@
 //     startWalk(), next(&number, &value), removeCurrent()
 //     lazy                                    the size changes bit by bit; a walk goes in the order of insertion and
 //                                             bears what is done between its steps
+//     removesOnce                             false: a walk removes where it stands whatever was before
 
 #pragma once
 
@@ -28,6 +29,8 @@ public:
     explicit TableSubject(korEx* ex) : ex_(ex) {}
     TableSubject(const TableSubject&) = delete;
     TableSubject& operator=(const TableSubject&) = delete;
+    static constexpr bool lazy = false;
+    static constexpr bool removesOnce = true;
     bool made() const { return table_ != nullptr; }
 
 protected:
@@ -103,16 +106,31 @@ template <class Subject>
 class TableTest : public KorTest
 {
 protected:
+    void startWalk(Subject& subject)
+    {
+        subject.startWalk();
+        if (Subject::removesOnce) {
+            subject.removeCurrent(); // there is no current entry yet
+        }
+    }
+    void removeCurrent(Subject& subject)
+    {
+        subject.removeCurrent();
+        if (Subject::removesOnce) {
+            subject.removeCurrent(); // nor any more
+        }
+    }
+
     // A step of a walk that goes on for long. What is current is known for as long as nothing else removes it.
     void stepWalk(Subject& subject)
     {
         if (!model.walking()) {
-            subject.startWalk();
+            startWalk(subject);
             model.startWalk();
             current.reset();
         } else if (current && random.chance(30)) {
             model.remove(*std::exchange(current, std::nullopt));
-            subject.removeCurrent();
+            removeCurrent(subject);
         } else {
             uint64_t number = 0, value = 0;
             const auto* wanted = model.next();
@@ -128,12 +146,12 @@ protected:
         std::set<uint64_t> seen;
         uint64_t number = 0, value = 0;
         size_t before = model.size();
-        subject.startWalk();
+        startWalk(subject);
         while (subject.next(&number, &value)) {
             ASSERT_EQ(model.get(number), value);
             ASSERT_TRUE(seen.insert(number).second) << number << " was met twice";
             if (random.chance(removed)) {
-                subject.removeCurrent();
+                removeCurrent(subject);
                 model.remove(number);
             }
         }
