@@ -176,24 +176,6 @@ TEST_F(KorBtree, TheShorterSideMoves)
     }
 }
 
-TEST_F(KorBtree, BatchesFollowTheirRule)
-{
-    const int cases[][3] = {{16, 1, 1}, {16, 8, 8}, {32, 9, 8}, {64, 17, 8}, {64, 18, 9}, {64, 32, 16}};
-    for (auto [capacity, room, moved] : cases) {
-        make(static_cast<uint16_t>(capacity));
-        for (int key = 0; key < capacity * 2; ++key) { // two full leaves
-            set(key);
-        }
-        for (int key = 1; key <= room; ++key) {
-            _korBtree_Remove(0, ex, tree, key);
-        }
-        set(capacity * 2);
-        EXPECT_EQ(tree->firstLeaf->itemCount, capacity - room + moved) << room;
-        EXPECT_EQ(tree->lastLeaf->itemCount, capacity - moved + 1) << room;
-        check();
-    }
-}
-
 TEST_F(KorBtree, ReadsMoveTheRememberedPlace)
 {
     make(4);

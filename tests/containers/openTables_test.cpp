@@ -153,6 +153,7 @@ TEST_F(Kor128Hash, MeasuresAndSetsWhatAWalkMeets)
     EXPECT_TRUE(_kor128Hash_Next2(&walk, nullptr, nullptr, nullptr));
     EXPECT_EQ(_kor128Hash_SetCurrentValue(&walk, 7)->keyLow, 0u);
     EXPECT_EQ(_kor128Hash_Get2(ex, 0, hash, 0, 0), 7u);
+    _kor128Hash_RemoveCurrent(0, ex, nullptr);
     EXPECT_EQ(_kor128Hash_Memory(hash), 32 + 8 + 32);
     StreamCapture capture(StreamCapture::error);
     _kor128Hash_Info(hash);

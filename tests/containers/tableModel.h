@@ -14,7 +14,7 @@
 #include "support/failingHeap.h"
 #include "support/korTest.h"
 
-#include <list>
+#include <map>
 #include <set>
 #include <unordered_map>
 
@@ -58,47 +58,40 @@ class TableModel
 public:
     uint64_t set(uint64_t number, uint64_t value)
     {
-        auto [found, fresh] = places_.try_emplace(number);
-        if (fresh) {
-            found->second = order_.insert(order_.end(), {number, value});
-            if (next_ == order_.end() && walking_) {
-                next_ = found->second;
-            }
-            return 0;
-        }
-        return std::exchange(found->second->second, value);
+        auto [known, fresh] = times_.try_emplace(number, clock_ + 1);
+        clock_ += fresh;
+        auto& entry = order_[known->second];
+        entry.first = number;
+        return std::exchange(entry.second, value);
     }
-    uint64_t get(uint64_t number) const { return places_.count(number) != 0 ? places_.at(number)->second : 0; }
+    uint64_t get(uint64_t number) const { return times_.contains(number) ? order_.at(times_.at(number)).second : 0; }
     uint64_t remove(uint64_t number)
     {
-        auto found = places_.find(number);
-        if (found == places_.end()) {
-            return 0;
-        }
-        uint64_t value = found->second->second;
-        next_ = next_ == found->second ? std::next(next_) : next_;
-        order_.erase(found->second);
-        places_.erase(found);
+        uint64_t value = get(number);
+        order_.erase(times_.contains(number) ? times_.at(number) : 0);
+        times_.erase(number);
         return value;
     }
     void startWalk()
     {
         walking_ = true;
-        next_ = order_.begin();
+        walked_ = 0;
     }
     /// The next entry of the walk, or NULL.
     const std::pair<uint64_t, uint64_t>* next()
     {
-        walking_ = next_ != order_.end();
-        return walking_ ? &*next_++ : nullptr;
+        auto next = order_.upper_bound(walked_);
+        walking_ = next != order_.end();
+        walked_ = walking_ ? next->first : 0;
+        return walking_ ? &next->second : nullptr;
     }
     bool walking() const { return walking_; }
     size_t size() const { return order_.size(); }
 
 private:
-    std::list<std::pair<uint64_t, uint64_t>> order_;
-    std::list<std::pair<uint64_t, uint64_t>>::iterator next_ = order_.end();
-    std::unordered_map<uint64_t, std::list<std::pair<uint64_t, uint64_t>>::iterator> places_;
+    std::map<uint64_t, std::pair<uint64_t, uint64_t>> order_; // entries by the time of their insertion
+    std::unordered_map<uint64_t, uint64_t> times_;            // by number
+    uint64_t clock_ = 0, walked_ = 0;
     bool walking_ = false;
 };
 
