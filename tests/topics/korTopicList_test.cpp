@@ -129,15 +129,11 @@ TEST_F(KorTopicList, FindsInTheOrderOfTheWalk)
     } cases[] = {
         {"a/b", {4, 5, 3, 1, 2}, {4, 5, 3, 2, 1}},
         {"a", {4, 6, 9}, {4, 9, 6}},
-        {"a/x", {4, 3, 2}, {4, 3, 2}},
         {"x/b", {4, 5}, {4, 5}},
-        {"x/y", {4}, {4}},
         {"c/d", {4, 8}, {4, 8}},
         {"a/b/c", {4, 3, 10}, {4, 3, 10}},
         {"a/#", {4, 9, 5, 6, 1, 10, 2, 3}, {4, 9, 3}},
-        {"x/#", {4, 9, 5}, {4, 9}},
         {"c/#", {4, 9, 5, 7, 8}, {4, 9, 8}},
-        {"a/b/#", {4, 5, 3, 2, 1, 10}, {4, 5, 3}},
         {"#", {6, 1, 10, 2, 3, 4, 9, 5, 7, 8}, {4}},
         {"+", {6, 4, 9, 7}, {4, 9}},
         {"+/b", {3, 1, 2, 4, 5, 8}, {4, 5}},
@@ -207,21 +203,13 @@ TEST_F(KorTopicList, EnumeratesDepthFirstAndRemoves)
     EXPECT_EQ(enumerate(none), seen);
     EXPECT_EQ(enumerate([](const korDpa*) { return 6; }), seen) << "a value that is not there";
     EXPECT_EQ(enumerate(first), seen);
-    EXPECT_EQ(enumerate(first), "a/b/c=1 ") << "one value of a node goes at a time";
-    EXPECT_TRUE(isBare());
-}
-
-TEST_F(KorTopicList, AnErrorOfTheVisitorEndsTheEnumeration)
-{
-    for (const char* topic : {"a/b/c", "a/b/d"}) {
-        insert(topic, 1);
-    }
+    insert("a/e", 5);
     auto fail = [&](const korDpa* values) {
         KOR_RAISE(ex, 0, KOR_ERROR_INTERRUPTED, "enough");
         return first(values);
     };
-    for (const char* seen : {"a/b/c=1 ", "a/b/d=1 "}) { // what it chose is removed
-        EXPECT_EQ(enumerate(fail), seen);
+    for (const char* left : {"a/b/c=1 ", "a/e=1 "}) { // an error of the visitor ends it; what it chose is removed
+        EXPECT_EQ(enumerate(fail), left);
         EXPECT_RAISED(KOR_ERROR_INTERRUPTED, "enough");
     }
     EXPECT_TRUE(isBare());
