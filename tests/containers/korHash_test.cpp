@@ -178,7 +178,7 @@ private:
     {
         return n % 3 == 0   ? korHeaderID{0, {~n, n}}
                : n % 3 == 1 ? korHeaderID{(n + 1) << 32, {0, 0}}
-                            : korHeaderID{n + 1, {n, 1}}; // the UUID is no part of a number's key
+                            : korHeaderID{n + 1, {n, 1}};
     }
     static const korHeaderID* key(uint64_t n, int use = asked) { return &keyOf<make>(n, use); }
 };
@@ -290,7 +290,7 @@ TEST_F(HashTest, whoseKeyIsKept)
     EXPECT_EQ(hash->count, 0);
 }
 
-TEST_F(HashTest, aNullKeyIsSeenByWalksOnly)
+TEST_F(HashTest, keysThatAreNullAndIdentifiersByNumber)
 {
     hash = _korHIDHash_Create(ex, 0, 4);
     EXPECT_EQ(_korHash_Set(ex, 0, hash, nullptr, 0, 0, 1, 1), 0);
@@ -307,8 +307,9 @@ TEST_F(HashTest, aNullKeyIsSeenByWalksOnly)
     _korHIDHash_Set(ex, 0, hash, nullptr, 0, 1);
     EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, "Header identifier must not be NULL");
 
-    korHeaderID identifier = {2, {0, 0}};
+    const korHeaderID identifier = {2, {0, 0}}, sameNumber = {2, {7, 7}};
     _korHIDHash_Set(ex, 0, hash, &identifier, 0, 1);
+    EXPECT_EQ(_korHIDHash_Get(ex, 0, hash, &sameNumber), 1);
     ex->code = KOR_ERROR_TIMEOUT;
     EXPECT_EQ(_korHIDHash_Remove(ex, 0, hash, &identifier), 0) << "alone of the removes, it stops at an error pending";
     korEx_Clear(ex);

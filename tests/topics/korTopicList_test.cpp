@@ -194,6 +194,14 @@ TEST_F(KorTopicList, TakesNoNullAndStopsAtAnErrorPending)
     EXPECT_TRUE(isBare());
 }
 
+TEST_F(KorTopicList, ABufferForTextGrowsByDoubling)
+{
+    textOf(insert("a/", 1));
+    EXPECT_EQ(textSize, 64);
+    textOf(insert(std::string(100, 'x'), 1));
+    EXPECT_EQ(textSize, 202);
+}
+
 TEST_F(KorTopicList, EnumeratesDepthFirstAndRemoves)
 {
     for (const char* topic : {"a/b/c", "#", "a", "a//", "a/+", "a/b/c", "+/#"}) {
