@@ -139,15 +139,6 @@ TEST_F(KorPerf, EngineeringNotation)
               "min/max/avg/dev:    1.00E-03 /    3.00E-03 /    2.00E-03 /    1.00E-03");
 }
 
-TEST_F(KorPerf, WidthsAreWholeTicks)
-{
-    const std::pair<double, int64_t> cases[] = {{0.25, 1}, {2.5, 2}, {0, 1}, {-3, 1}, {1e30, INT64_MAX}};
-    for (auto [ticks, width] : cases) {
-        make(ticks, 1);
-        EXPECT_EQ(hist->bucketTicks, width);
-    }
-}
-
 TEST_F(KorPerf, HistogramsCountAndMergeLikeAMap)
 {
     Random random;

@@ -95,15 +95,6 @@ TEST_F(korMemReserveTest, HasOneCallback)
     EXPECT_EQ(told.calls, 0);
 }
 
-TEST_F(korMemReserveTest, WorksWithAnErrorPendingAndLeavesItAlone)
-{
-    _korMemReserve_Alloc(ex, 0, 0);
-    KOR_RAISE(ex, 0, KOR_ERROR_TIMEOUT, "pending");
-    _korMemReserve_Alloc(ex, 0, 10 * block); // does nothing
-    EXPECT_EQ(freed(), block);
-    EXPECT_RAISED(KOR_ERROR_TIMEOUT, "pending");
-}
-
 TEST_F(korMemReserveTest, KeepsWhatItHadBeforeTheHeapRefused)
 {
     {
