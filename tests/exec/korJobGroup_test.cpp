@@ -118,23 +118,6 @@ TEST_F(KorJobGroupTest, FetchesWhatHasFinishedInTheOrderOfTheList)
     }
 }
 
-TEST_F(KorJobGroupTest, ReapsItselfFromTheFrontOnly)
-{
-    makeGroup(1);
-    Gate first;
-    Gate second;
-    run(first);
-    run(second);
-    second.open.release();
-    awaitState(second, KOR_JOB_DONE);
-    EXPECT_EQ(printed(), "[ocDebug] here cnt=2\n") << "it waits behind the first";
-    first.open.release();
-    join();
-    EXPECT_TRUE(isEmpty());
-    _korExecutor_Stop(KOR_AT_D(0, ex), executor);
-    EXPECT_TRUE(first.freed == 1 && second.freed == 1);
-}
-
 TEST_F(KorJobGroupTest, NobodyWaitsWithinAJob)
 {
     makeGroup(0);

@@ -323,19 +323,6 @@ TEST_F(KorTimerTest, StopWaitsForWhatRunsAndStopNoWaitDoesNot)
     ended.acquire();
 }
 
-TEST_F(KorTimerTest, ACallbackStopsItsOwnTimer)
-{
-    start();
-    auto stop = [](korEx* own, uint8_t depth, korTimer* ownTimer, uint64_t, void*) {
-        _korTimer_StopNoWait(KOR_AT_D(depth, own), ownTimer);
-    };
-    auto end = [](korEx*, uint8_t, void* closure) { static_cast<Semaphore*>(closure)->release(); };
-    _korTimer_ScheduleTask(KOR_AT(ex, 0), timer, stop, end, &ended, 0, 1);
-    ended.acquire();
-    EXPECT_EQ(timer->state, 4);
-    _korExecutor_Stop(KOR_AT_D(0, ex), executor); // the task has given its reference back
-}
-
 TEST_F(KorTimerTest, AnExecutorThatIsGoneIsLoggedAndCostsOneShotsTheirLife)
 {
     _korExecutor_Stop(KOR_AT_D(0, ex), executor);
