@@ -1,40 +1,51 @@
-// korCPU_test.cpp - the processor's answers beside the compiler's and the system's own; the measured rate.
+// korCPU_test.cpp - the processor's answers beside the compiler's and the system's own; the measured rate; the neutral
+// answers of the cores, which the thread start stores, and the one real one.
 
+#include "korutil/korAffinity.h"
 #include "korutil/korCPU.h"
-
 #include "support/korTest.h"
 
 #include <chrono>
 #include <cmath>
+#include <thread>
 #include <x86intrin.h>
 
-namespace {
+using KorCPU = kor::test::KorTest;
 
-TEST(korCPU, TheWideCompareAndSwapIsThere)
+TEST_F(KorCPU, TheCounterTicksAtTheRateThatAnotherClockShows)
 {
     EXPECT_TRUE(_korCPU_SupportsDCAS()); // every 64-bit system of today demands it
-}
-
-TEST(korCPU, TheCounterTicksAtTheRateThatAnotherClockShows)
-{
+    for (double seconds : {0.0, -1.0, std::nan("")}) {
+        double frequency = _korCPU_TSCFreq(seconds);
+        EXPECT_TRUE(std::isfinite(frequency) && frequency >= 0) << seconds;
+    }
     if (!_korCPU_SupportsTSC()) {
         GTEST_SKIP() << "no steady time-stamp counter here";
     }
     auto start = std::chrono::steady_clock::now();
     uint64_t startTicks = __rdtsc();
     double measured = _korCPU_TSCFreq(0.05);
-    uint64_t ticks = __rdtsc() - startTicks;
+    auto ticks = static_cast<double>(__rdtsc() - startTicks);
     std::chrono::duration<double> passed = std::chrono::steady_clock::now() - start;
-    double wanted = static_cast<double>(ticks) / passed.count();
-    EXPECT_NEAR(measured / wanted, 1.0, 0.1);
+    EXPECT_NEAR(measured * passed.count() / ticks, 1.0, 0.1);
 }
 
-TEST(korCPU, NoTimeGivesNoNonsense)
+TEST_F(KorCPU, CoresAreThoseOfTheMachineAndAllElseIsNeutral)
 {
-    for (double seconds : {0.0, -1.0, std::nan("")}) {
-        double frequency = _korCPU_TSCFreq(seconds);
-        EXPECT_TRUE(std::isfinite(frequency) && frequency >= 0) << seconds;
+    EXPECT_GE(_korAffinity_CoreCount(), std::max(1u, std::thread::hardware_concurrency()));
+    for (int32_t pending : {0, 9}) {
+        ex->code = pending;
+        _korAffinity_Open(ex, 0);
+        _korAffinity_Begin(ex, 0);
+        _korAffinity_SetSharedCoresMinSetSize(ex, 0, 4);
+        _korAffinity_AddCore(ex, 0, 2);
+        EXPECT_EQ(_korAffinity_CoreSetSize() + _korAffinity_executorSize(), 2u);
+        EXPECT_EQ(_korAffinity_MigrateThisThread(ex, 0), -1);
+        EXPECT_EQ(_korAffinity_SetCurrentCoreByName(ex, 0, "main"), 0);
+        EXPECT_TRUE(_korAffinity_IsCoreAvailable(ex, 0, 2));
+        _korAffinity_ReturnCore();
+        _korAffinity_Close(0, ex);
+        EXPECT_EQ(ex->code, pending);
     }
+    korEx_Clear(ex);
 }
-
-} // namespace

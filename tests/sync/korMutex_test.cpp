@@ -1,47 +1,26 @@
-// korMutex_test.cpp - mutexes: recursion, objects, the message at opening.
+// korMutex_test.cpp - mutexes, beyond what all locks promise: recursion, and the message at opening.
 
 #include "korutil/korAlloc.h"
-#include "support/failingHeap.h"
 #include "sync/lockAdapters.h"
+
+#include <utility>
 
 using namespace kor::test;
 
-class KorMutex : public KorTest
-{
-protected:
-    static bool freeForOthers(korMutex* mutex)
-    {
-        bool taken = false;
-        std::jthread([&] {
-            taken = korMutex_tryEnter(mutex);
-            if (taken) {
-                korMutex_leave(mutex);
-            }
-        }).join();
-        return taken;
-    }
-};
+using KorMutex = KorTest;
 
 TEST_F(KorMutex, IsFreeOnceItWasLeftAsOftenAsEntered)
 {
-    korMutex* mutex = _korMutex_Create(ex, 0);
-    ASSERT_CLEAN();
-    korMutex_enter(mutex);
-    korMutex_enter(mutex);
-    ASSERT_TRUE(korMutex_tryEnter(mutex));
-    for (int left = 0; left < 3; left++) {
-        EXPECT_FALSE(freeForOthers(mutex));
-        korMutex_leave(mutex);
-    }
-    EXPECT_TRUE(freeForOthers(mutex));
-    _korMutex_Destroy(0, ex, mutex);
-}
-
-TEST_F(KorMutex, ARecursiveHolderAndAContenderTakeTurns)
-{
     MutexPair pair;
-    int64_t plain = 0;
-    auto body = [&] {
+    pair.acquire();
+    pair.acquire();
+    ASSERT_TRUE(pair.tryAcquire());
+    for (int left = 0; left < 3; left++) {
+        EXPECT_TRUE(isHeld(pair));
+        pair.release();
+    }
+    int plain = 0;
+    inThreads(2, [&](korEx*, int) {
         for (int i = 0; i < stressRounds / 2; i++) {
             pair.acquire();
             pair.acquire();
@@ -50,43 +29,21 @@ TEST_F(KorMutex, ARecursiveHolderAndAContenderTakeTurns)
             plain++;
             pair.release();
         }
-    };
-    std::jthread other(body);
-    body();
-    other.join();
+    });
     EXPECT_EQ(plain, 4 * (stressRounds / 2));
-}
-
-TEST_F(KorMutex, IsNotMadeWithAnErrorPending)
-{
-    KOR_RAISE(ex, 0, KOR_ERROR_NOT_FOUND, nullptr);
-    EXPECT_EQ(_korMutex_Create(ex, 0), nullptr);
-    _korMutex_Destroy(0, ex, nullptr);
-    EXPECT_RAISED(KOR_ERROR_NOT_FOUND, nullptr);
-}
-
-TEST_F(KorMutex, EveryRequestMayFail)
-{
-    EXPECT_EQ(sweepFailures(ex, [&] { _korMutex_Destroy(0, ex, _korMutex_Create(ex, 0)); }), 1u);
 }
 
 TEST_F(KorMutex, OpeningTellsThatContentionIsNotTracked)
 {
-    const char* message = "Found settings for Thread contention, but not compiled for it\n";
-    const struct {
-        const char* settings;
-        const char* printed;
-    } cases[] = {
-        {nullptr, ""},
-        {"threads=3", ""},
-        {"warnOnTaskDur", ""},
-        {"threads=3,warnOnTaskDur=5", message},
-        {"warnOnLockHeldDur=1", message},
-    };
-    for (const auto& c : cases) {
-        EnvironmentGuard guard("KOR_EXEC_CONF", c.settings);
+    using Case = std::pair<const char*, bool>;
+    for (auto [settings, told] : {Case{nullptr, false},
+                                  {"threads=3", false},
+                                  {"warnOnTaskDur", false},
+                                  {"threads=3,warnOnTaskDur=5", true},
+                                  {"warnOnLockHeldDur=1", true}}) {
+        EnvironmentGuard guard("KOR_EXEC_CONF", settings);
         StreamCapture capture(StreamCapture::out);
         _korMutex_Open(ex, 0);
-        EXPECT_EQ(capture.text(), c.printed);
+        EXPECT_EQ(capture.text(), told ? "Found settings for Thread contention, but not compiled for it\n" : "");
     }
 }

@@ -2,171 +2,124 @@
 
 #include "korutil/korRWLock.h"
 #include "support/failingHeap.h"
-#include "support/korTest.h"
 #include "support/meeting.h"
+#include "sync/lockAdapters.h"
 
 #include <atomic>
-#include <thread>
-#include <vector>
 
-namespace kor::test {
-namespace {
+using namespace kor::test;
 
-class korRWLockTest : public KorTest
+class KorRWLock : public KorTest
 {
 protected:
-    korRWLockTest() : lock(_korRWLock_Create(0, ex)) {}
-    ~korRWLockTest() override { _korRWLock_Destroy(0, ex, lock); }
+    KorRWLock() : lock(_korRWLock_Create(0, ex)) {}
+    ~KorRWLock() override { _korRWLock_Destroy(0, ex, lock); }
 
     void read() { _korRWLock_ReadLock(0, ex, lock); }
     void unread() { _korRWLock_UnlockReadLock(0, ex, lock); }
     void write() { _korRWLock_WriteLock(0, ex, lock); }
     void unwrite() { _korRWLock_UnlockWriteLock(0, ex, lock); }
 
+    // Threads call `visit` over and over while this one calls `attempt` fifty times: it must not starve.
+    void getsInAmong(int count, auto visit, auto attempt)
+    {
+        std::atomic<int> visits = 0;
+        std::atomic<bool> done = false;
+        auto threads = inThreads(count, [&](korEx*, int) {
+            while (!done) {
+                visit(visits, done);
+            }
+        });
+        until([&] { return visits >= 100; });
+        for (int round = 0; round < 50; round++) {
+            attempt();
+        }
+        done = true;
+    }
+
     korRWLock* lock;
 };
 
-// Now and then a holder is slow, so that the others go from spinning to sleep.
-void dawdle(int round)
+TEST_F(KorRWLock, WritersAreAloneAndReadersSeeWholeChanges)
 {
-    if (round % 16 == 0) {
-        std::this_thread::yield();
-    }
-}
-
-using Threads = std::vector<std::jthread>;
-
-TEST_F(korRWLockTest, WritersAreAloneAndReadersSeeWholeChanges)
-{
-    constexpr int writers = 3, readers = 3, rounds = 10000;
-    int64_t first = 0, second = 0; // plain on purpose: the lock is all that guards them
-    std::atomic<int> torn = 0;
-    {
-        Threads threads;
-        for (int i = 0; i < writers; i++) {
-            threads.emplace_back([&] {
-                for (int round = 0; round < rounds; round++) {
-                    write();
-                    first++;
-                    dawdle(round);
-                    second++;
-                    unwrite();
-                }
-            });
+    constexpr int writers = 3, rounds = 10000;
+    int first = 0, second = 0; // plain on purpose: the lock is all that guards them
+    auto dawdle = [](int round) {
+        if (round % 16 == 0) { // so that the others go from spinning to sleep
+            std::this_thread::yield();
         }
-        for (int i = 0; i < readers; i++) {
-            threads.emplace_back([&] {
-                for (int round = 0; round < rounds; round++) {
-                    read();
-                    dawdle(round);
-                    torn += first != second;
-                    unread();
-                }
-            });
+    };
+    inThreads(2 * writers, [&](korEx*, int me) {
+        for (int round = 0; round < rounds; round++) {
+            if (me < writers) {
+                write();
+                first++;
+                dawdle(round);
+                second++;
+                unwrite();
+            } else {
+                read();
+                dawdle(round);
+                EXPECT_EQ(first, second);
+                unread();
+            }
         }
-    }
-    EXPECT_EQ(torn, 0);
-    EXPECT_EQ(first, int64_t{writers} * rounds);
+    });
+    EXPECT_EQ(first, writers * rounds);
     EXPECT_EQ(second, first);
     EXPECT_EQ(lock->word & ~(uint64_t{1} << 31), 0u); // nobody is left inside or waiting
 }
 
-TEST_F(korRWLockTest, ReadersAreInsideTogether)
+TEST_F(KorRWLock, ReadersAreInsideTogether)
 {
     constexpr int readers = 8;
     kor::test::Barrier inside(readers);
-    Threads threads;
-    for (int i = 0; i < readers; i++) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < 20; round++) {
-                read();
-                inside.arrive_and_wait(); // nobody leaves before all have come in
-                unread();
-            }
-        });
-    }
+    inThreads(readers, [&](korEx*, int) {
+        for (int round = 0; round < 20; round++) {
+            read();
+            inside.arrive_and_wait(); // nobody leaves before all have come in
+            unread();
+        }
+    });
 }
 
-// The lock is never without a reader until the writer has been in: each reader leaves only after another has entered.
-TEST_F(korRWLockTest, AWriterGetsInAmongOverlappingReaders)
+TEST_F(KorRWLock, NobodyStarves)
 {
-    constexpr int readers = 4;
-    std::atomic<uint64_t> entries = 0;
-    std::atomic<bool> written = false;
-    Threads threads;
-    for (int i = 0; i < readers; i++) {
-        threads.emplace_back([&] {
-            while (!written) {
-                read();
-                uint64_t mine = ++entries;
-                for (int patience = 0; entries == mine && !written && patience < 1000; patience++) {
-                    std::this_thread::yield();
-                }
-                unread();
-            }
+    // The lock is not without a reader until the writer has been in: each leaves only after another has entered.
+    auto overlap = [this](std::atomic<int>& visits, std::atomic<bool>& done) {
+        read();
+        int mine = ++visits;
+        for (int patience = 0; visits == mine && !done && patience < 1000; patience++) {
+            std::this_thread::yield();
+        }
+        unread();
+    };
+    auto writeOnce = [this](auto&... visits) {
+        write();
+        (..., visits++);
+        unwrite();
+    };
+    getsInAmong(4, overlap, writeOnce);
+    getsInAmong(
+        3, [&](std::atomic<int>& visits, std::atomic<bool>&) { writeOnce(visits); },
+        [this] {
+            read();
+            unread();
         });
-    }
-    while (entries < 100) {
-        std::this_thread::yield();
-    }
-    for (int round = 0; round < 50; round++) {
+}
+
+TEST_F(KorRWLock, AnErrorPendingStopsNothing)
+{
+    EXPECT_EQ(sweepFailures(ex, [&] { _korRWLock_Destroy(0, ex, _korRWLock_Create(0, ex)); }), 1u);
+    _korRWLock_Destroy(0, ex, nullptr);
+    KOR_RAISE(ex, 0, KOR_ERROR_TIMEOUT, "pending");
+    for (int round = 0; round < 2; round++) { // would wait for ever if the first had done half its work
         write();
         unwrite();
-    }
-    written = true;
-}
-
-TEST_F(korRWLockTest, AReaderGetsInAmongWriters)
-{
-    constexpr int writers = 3;
-    std::atomic<uint64_t> entries = 0;
-    std::atomic<bool> seen = false;
-    Threads threads;
-    for (int i = 0; i < writers; i++) {
-        threads.emplace_back([&] {
-            while (!seen) {
-                write();
-                entries++;
-                unwrite();
-            }
-        });
-    }
-    while (entries < 100) {
-        std::this_thread::yield();
-    }
-    for (int round = 0; round < 50; round++) {
+        read();
         read();
         unread();
+        unread();
     }
-    seen = true;
-}
-
-TEST_F(korRWLockTest, NullIsAcceptedAndAnErrorPendingStopsNothing)
-{
-    _korRWLock_Destroy(0, ex, nullptr);
-    _korRWLock_ReadLock(0, ex, nullptr);
-    _korRWLock_UnlockReadLock(0, ex, nullptr);
-    _korRWLock_WriteLock(0, ex, nullptr);
-    _korRWLock_UnlockWriteLock(0, ex, nullptr);
-
-    KOR_RAISE(ex, 0, KOR_ERROR_TIMEOUT, "pending");
-    write();
-    unwrite();
-    write(); // would wait for ever if the pair above had done half its work
-    unwrite();
-    read();
-    read();
-    unread();
-    unread();
-    write();
-    unwrite();
     EXPECT_RAISED(KOR_ERROR_TIMEOUT, "pending");
 }
-
-TEST_F(korRWLockTest, CreateFailsWhole)
-{
-    EXPECT_GE(sweepFailures(ex, [&] { _korRWLock_Destroy(0, ex, _korRWLock_Create(0, ex)); }), 1u);
-}
-
-} // namespace
-} // namespace kor::test

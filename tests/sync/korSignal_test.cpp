@@ -18,7 +18,8 @@ using namespace kor::test;
 
 namespace {
 
-std::vector<int32_t> calls; // of the callback, with its flag
+using Calls = std::vector<int32_t>;
+Calls calls; // of the callback, with its flag
 
 void note(int32_t atStart)
 {
@@ -39,11 +40,8 @@ protected:
         _korSocket_Cleanup(0, ex);
     }
 
-    void runChild(const char* name)
-    {
-        ChildProcess child(std::string("KorSignal.DISABLED_") + name);
-        EXPECT_EQ(child.wait(), 0) << child.output();
-    }
+    void start(void (*callback)(int32_t) = note) { _korSignalMonitor_Start(ex, 0, callback); }
+    void wait() { _korSignalMonitor_WaitForSignal(ex, 0); }
 };
 
 TEST_F(KorSignal, SavesAndRestoresAHandler)
@@ -64,62 +62,50 @@ TEST_F(KorSignal, SavesAndRestoresAHandler)
 
 TEST_F(KorSignal, DISABLED_ChildBeforeAStart)
 {
-    _korSignalMonitor_WaitForSignal(ex, 0);
+    wait();
     EXPECT_RAISED(KOR_ERROR_NOT_INITIALIZED, "Signal Monitor uninitialized.");
     EXPECT_FALSE(_korSignalMonitor_Signal(ex, 0));
     EXPECT_RAISED(KOR_ERROR_NOT_INITIALIZED, "Signal Monitor uninitialized.");
-    _korSignalMonitor_Stop(0, ex);
-}
-
-TEST_F(KorSignal, BeforeAStartThereIsAnError)
-{
-    runChild("ChildBeforeAStart");
 }
 
 TEST_F(KorSignal, DISABLED_ChildWithEarlySignals)
 {
-    _korSignalMonitor_Start(ex, 0, note);
+    start();
     errno = 1234;
     EXPECT_EQ(std::raise(SIGTERM), 0);
     EXPECT_EQ(errno, 1234);
     EXPECT_TRUE(_korSignalMonitor_Signal(ex, 0)) << "there is one already";
-    _korSignalMonitor_WaitForSignal(ex, 0);
-    EXPECT_EQ(calls, std::vector<int32_t>{0});
-    _korSignalMonitor_WaitForSignal(ex, 0); // it stays signalled
-    EXPECT_EQ(calls, (std::vector<int32_t>{0, 0}));
+    wait();
+    wait(); // it stays signalled
+    EXPECT_EQ(calls, (Calls{0, 0}));
     _korSignalMonitor_Stop(0, ex);
-    EXPECT_EQ(std::raise(SIGINT), 0);     // the handlers stay, and do no harm
-    _korSignalMonitor_Start(ex, 0, note); // forgets
+    EXPECT_EQ(std::raise(SIGINT), 0); // the handlers stay, and do no harm
+    start();                          // forgets
     EXPECT_TRUE(_korSignalMonitor_Signal(ex, 0));
-    _korSignalMonitor_WaitForSignal(ex, 0);
+    wait();
     EXPECT_EQ(calls.size(), 3u);
-}
-
-TEST_F(KorSignal, ASignalBeforeTheWaitIsNotLost)
-{
-    runChild("ChildWithEarlySignals");
 }
 
 TEST_F(KorSignal, DISABLED_ChildThatWaits)
 {
-    _korSignalMonitor_Start(ex, 0, note);
-    std::atomic<bool> about{false};
-    std::thread sender([&] {
-        while (!about.load()) {
+    start();
+    std::atomic<bool> about = false;
+    std::jthread sender([&] {
+        while (!about) {
             std::this_thread::yield();
         }
         std::raise(SIGINT);
     });
-    about.store(true);
-    _korSignalMonitor_WaitForSignal(ex, 0);
-    EXPECT_EQ(calls, std::vector<int32_t>{0});
-    sender.join();
+    about = true;
+    wait();
+    EXPECT_EQ(calls, Calls{0});
 }
 
-TEST_F(KorSignal, ASignalEndsTheWait)
+TEST_F(KorSignal, TheMonitorKeepsASignalAndEndsTheWait)
 {
-    for (int i = 0; i < 5; i++) {
-        runChild("ChildThatWaits");
+    for (const char* test : {"BeforeAStart", "WithEarlySignals", "ThatWaits", "ThatWaits", "ThatWaits"}) {
+        ChildProcess child("KorSignal.DISABLED_Child" + std::string(test));
+        EXPECT_EQ(child.wait(), 0) << child.output();
     }
 }
 
@@ -129,18 +115,18 @@ TEST_F(KorSignal, AFailedStartLeavesNothing)
     korSignalHandler interrupted, terminated;
     _korSignal_SetHandler(ex, 0, SIGINT, SIG_DFL, &interrupted);
     _korSignal_SetHandler(ex, 0, SIGTERM, SIG_DFL, &terminated);
-    _korSignalMonitor_Start(ex, 0, nullptr); // the process's very first request fails without an error
+    start(nullptr); // the process's very first request fails without an error
     sweepFailures(ex, [&] {
-        _korSignalMonitor_Start(ex, 0, nullptr);
+        start(nullptr);
         _korSignalMonitor_Stop(0, ex);
     });
     for (int more = 0; more < 4 && DescriptorLimit::exists; more++) {
         DescriptorLimit limit(more);
-        _korSignalMonitor_Start(ex, 0, nullptr);
+        start(nullptr);
         EXPECT_EQ(ex->code == 0, more == 3);
         korEx_Clear(ex);
     }
-    _korSignalMonitor_Start(ex, 0, nullptr); // over one that runs
+    start(nullptr); // over one that runs
     EXPECT_CLEAN();
     _korSignalMonitor_Stop(0, ex);
     EXPECT_EQ(openDescriptors(), before);

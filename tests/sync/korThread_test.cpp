@@ -16,16 +16,6 @@ using namespace kor::test;
 
 namespace {
 
-uint64_t givesArgument(void* argument)
-{
-    return reinterpret_cast<uint64_t>(argument);
-}
-
-void* number(uint64_t value)
-{
-    return reinterpret_cast<void*>(value);
-}
-
 // A main routine that is any callable. The callable must outlive the thread.
 template <typename Body>
 uint64_t runBody(void* body)
@@ -34,15 +24,15 @@ uint64_t runBody(void* body)
     return 7;
 }
 
+auto idle = [] {};
+
 // Uses more stack than a thread has by default.
-uint64_t deepStack(void* argument)
-{
+auto deepStack = [] {
     volatile uint64_t room[20 << 17];
     for (size_t at = 0; at < std::size(room); at += 512) {
         room[at] = 1;
     }
-    return room[512] + givesArgument(argument);
-}
+};
 
 } // namespace
 
@@ -127,12 +117,16 @@ TEST_F(KorThread, OutlivesItsObject)
 }
 
 static std::string nameInDestructor;
+static kor::test::Semaphore destructed;
 
 TEST_F(KorThread, KnowsItsNameTypeAndNumbers)
 {
     korThread* thread = nullptr;
     kor::test::Semaphore ready;
-    int32_t key = _korThreadLocal_Create(ex, 0, [](uint64_t) { nameInDestructor = currentName(); });
+    int32_t key = _korThreadLocal_Create(ex, 0, [](uint64_t) {
+        nameInDestructor = currentName();
+        destructed.release();
+    });
     auto body = [&] {
         KOR_EX_LOCAL(own);
         EXPECT_EQ(currentName(), "tKnows");
@@ -149,10 +143,17 @@ TEST_F(KorThread, KnowsItsNameTypeAndNumbers)
     EXPECT_FALSE(_korThread_IsCurrentThread(thread));
     ready.release();
     end(thread);
+    destructed.acquire();
     EXPECT_EQ(nameInDestructor, "tRenamed");
-    auto unchanged = [&] { _korThreadLocal_Set(ex, 0, key, 1); };
-    end(start(unchanged, "tEndsNamed"));
-    EXPECT_EQ(nameInDestructor, "tEndsNamed"); // a copy: the thread's own is gone by then
+    auto unchanged = [&] {
+        KOR_EX_LOCAL(own);
+        ready.acquire();
+        _korThreadLocal_Set(&own, 0, key, 1);
+    };
+    _korThread_Destroy(0, ex, start(unchanged, "tEndsNamed")); // and with it both copies of the name
+    ready.release();
+    destructed.acquire();
+    EXPECT_EQ(nameInDestructor, "tEndsNamed");
     _korThreadLocal_Destroy(0, ex, key);
 }
 
@@ -183,32 +184,31 @@ TEST_F(KorThread, StackSizeIsReadAtEveryCreation)
     for (const char* size : {"33554432", "x", "-5", "1", static_cast<const char*>(nullptr)}) {
         EnvironmentGuard guard("KOR_THREAD_STACK_SIZE", size);
         bool large = size != nullptr && *size == '3';
-        EXPECT_EQ(end(_korThread_Create(ex, 0, large ? deepStack : givesArgument, number(1), 0, "tStack")),
-                  large ? 2u : 1u);
+        EXPECT_EQ(end(large ? start(deepStack) : start(idle)), 7u);
     }
 }
 
 TEST_F(KorThread, IsStartedThroughTheHook)
 {
     _korThread_SetGlobalHook([](korThreadFunction function, void* argument) { return function(argument) + 100; });
-    korThread* hooked = _korThread_Create(ex, 0, givesArgument, number(5), 0, "tHooked");
+    korThread* hooked = start(idle);
     _korThread_SetGlobalHook(nullptr);
-    korThread* plain = _korThread_Create(ex, 0, givesArgument, number(5), 0, "tPlain");
-    EXPECT_EQ(end(hooked), 105u);
-    EXPECT_EQ(end(plain), 5u);
+    korThread* plain = start(idle);
+    EXPECT_EQ(end(hooked), 107u);
+    EXPECT_EQ(end(plain), 7u);
 }
 
 TEST_F(KorThread, IsNotMadeByHalves)
 {
     static korThread storage; // what it refers to stays in use
-    _korThread_CreateInBuffer(ex, 0, &storage, 3, sizeof storage, givesArgument, number(9), "tBuffer");
-    EXPECT_EQ(_korThread_Join(ex, 0, &storage), 9u);
-    _korThread_CreateInBuffer(ex, 0, &storage, 3, sizeof storage - 1, givesArgument, number(9), "tBuffer");
+    _korThread_CreateInBuffer(ex, 0, &storage, 3, sizeof storage, runBody<decltype(idle)>, &idle, "tBuffer");
+    EXPECT_EQ(_korThread_Join(ex, 0, &storage), 7u);
+    _korThread_CreateInBuffer(ex, 0, &storage, 3, sizeof storage - 1, runBody<decltype(idle)>, &idle, "tBuffer");
     EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, nullptr);
     EXPECT_EQ(_korThread_Create(ex, 0, nullptr, nullptr, 0, "t"), nullptr);
     EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, nullptr);
     sweepFailures(ex, [&] {
-        korThread* thread = _korThread_Create(ex, 0, givesArgument, number(1), 0, "tSweep");
+        korThread* thread = start(idle);
         EXPECT_EQ(thread == nullptr, ex->code != 0);
         if (thread != nullptr) {
             end(thread);

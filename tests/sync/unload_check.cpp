@@ -26,33 +26,29 @@ constexpr int roundsWithOneEnd = 10; // after each so many rounds a lasting thre
 constexpr int lastingThreads = rounds / roundsWithOneEnd;
 constexpr int shortThreads = 3;
 
-#define LIBRARY_FUNCTIONS(entry)                                                                                     \
-    entry(_korutil_Open) entry(_korutil_Close) entry(_korThreadLocal_Create) entry(_korThreadLocal_Set)              \
-        entry(_korThreadLocal_GetRawDebug) entry(_korThread_Current) entry(_korThread_Create) entry(_korThread_Join) \
-            entry(_korThread_Destroy) entry(_korPool_Create) entry(_korPool_Destroy) entry(_korPool_Get)             \
-                entry(_korPool_Return) entry(_korEx_SetException) entry(_korMemReserve_Alloc)                        \
-                    entry(_korLogger_SetLogCallbackForId) entry(_korLogger_LogByKey)
-
-struct Library {
-    Module module;
-#define ENTRY(name) decltype(&name) name##_;
-    LIBRARY_FUNCTIONS(ENTRY)
-#undef ENTRY
-    int32_t key;
-    korPool* pool;
-};
-
-Library library;
-std::atomic<int> destructors;
-std::atomic<int> statements;
-std::atomic<int> failures;
+Module library;
+int32_t key;
+korPool* pool;
+std::atomic<int> destructors, statements, failures;
+std::atomic<int> current; // round
 
 constexpr uint64_t logKey = 7;
 
-void expect(bool condition, const char* what, int round)
+template <typename Function>
+Function* find(const char* name)
+{
+    Function* function;
+    findSymbol(library, name, function);
+    return function;
+}
+
+// The library's function: it cannot be linked.
+#define LIB(name) find<decltype(name)>(#name)
+
+void expect(bool condition, const char* what)
 {
     if (!condition) {
-        std::fprintf(stderr, "round %d: %s\n", round, what);
+        std::fprintf(stderr, "round %d: %s\n", current.load(), what);
         failures++;
     }
 }
@@ -68,84 +64,72 @@ void countStatement(korDateTime, const char*, void*)
     statements++;
 }
 
-// A value of this thread, which nobody has set since the library was loaded.
-void* useLibrary(int round)
+// Leaves a value of this thread, which nobody has set since the library was loaded. Gives it.
+uint64_t useLibrary(void*)
 {
     KOR_EX_LOCAL(ex);
-    expect(library._korThreadLocal_GetRawDebug_(library.key) == 0, "a value of an earlier life", round);
-    void* value = std::malloc(16);
-    library._korThreadLocal_Set_(&ex, 0, library.key, reinterpret_cast<uint64_t>(value));
-    expect(library._korThreadLocal_GetRawDebug_(library.key) == reinterpret_cast<uint64_t>(value), "no value", round);
-    expect(library._korThread_Current_(&ex, 0) != 0, "no serial number", round);
-    library._korPool_Return_(0, &ex, library.pool, library._korPool_Get_(&ex, 0, library.pool)); // leaves a cache
-    library._korLogger_LogByKey_(logKey, 1, nullptr, nullptr, KOR_LOG_WARN, nullptr, 0, "round %d", round);
-    expect(ex.code == 0, "an error", round);
-    library._korEx_SetException_(&ex, KOR_ERROR_NOT_FOUND, nullptr, 0, __func__, __LINE__, 0);
-    expect(ex.code == KOR_ERROR_NOT_FOUND, "no error", round);
+    expect(LIB(_korThreadLocal_GetRawDebug)(key) == 0, "a value of an earlier life");
+    auto value = reinterpret_cast<uint64_t>(std::malloc(16));
+    LIB(_korThreadLocal_Set)(&ex, 0, key, value);
+    expect(LIB(_korThreadLocal_GetRawDebug)(key) == value, "no value");
+    expect(LIB(_korThread_Current)(&ex, 0) != 0, "no serial number");
+    LIB(_korPool_Return)(0, &ex, pool, LIB(_korPool_Get)(&ex, 0, pool)); // leaves a cache
+    LIB(_korLogger_LogByKey)(logKey, 1, nullptr, nullptr, KOR_LOG_WARN, nullptr, 0, "round %d", current.load());
+    expect(ex.code == 0, "an error");
+    LIB(_korEx_SetException)(&ex, KOR_ERROR_NOT_FOUND, nullptr, 0, __func__, __LINE__, 0);
+    expect(ex.code == KOR_ERROR_NOT_FOUND, "no error");
     return value;
 }
 
-uint64_t libraryThread(void* round)
+void load(const char* path)
 {
-    useLibrary(static_cast<int>(reinterpret_cast<intptr_t>(round)));
-    return 3;
-}
-
-void load(const char* path, int round)
-{
-    library.module = loadModule(path);
-    if (library.module == nullptr) {
-        std::fprintf(stderr, "round %d: cannot load %s\n", round, path);
+    library = loadModule(path);
+    if (library == nullptr) {
+        std::fprintf(stderr, "cannot load %s\n", path);
         std::exit(1);
     }
-#define FIND(name) findSymbol(library.module, #name, library.name##_);
-    LIBRARY_FUNCTIONS(FIND)
-#undef FIND
     KOR_EX_LOCAL(ex);
-    library._korutil_Open_(&ex, 0, KORUTIL_LEVEL);
-    library.key = library._korThreadLocal_Create_(&ex, 0, freeValue);
-    library.pool = library._korPool_Create_(&ex, 0, 16, 64, nullptr, nullptr, 1, 16);
-    library._korMemReserve_Alloc_(&ex, 0, 100000);
-    library._korLogger_SetLogCallbackForId_(&ex, 0, logKey, countStatement, nullptr);
+    LIB(_korutil_Open)(&ex, 0, KORUTIL_LEVEL);
+    key = LIB(_korThreadLocal_Create)(&ex, 0, freeValue);
+    pool = LIB(_korPool_Create)(&ex, 0, 16, 64, nullptr, nullptr, 1, 16);
+    LIB(_korMemReserve_Alloc)(&ex, 0, 100000);
+    LIB(_korLogger_SetLogCallbackForId)(&ex, 0, logKey, countStatement, nullptr);
     statements = 0;
-    expect(ex.code == 0, "cannot open", round);
+    expect(ex.code == 0, "cannot open");
 }
 
-void unload(const char* path, int round)
+void unload(const char* path)
 {
     KOR_EX_LOCAL(ex);
-    expect(statements >= shortThreads, "statements got lost", round);
-    library._korPool_Destroy_(0, &ex, library.pool);
-    library._korutil_Close_(0, &ex);
-    expect(unloadModule(library.module) && !isLoaded(path), "cannot unload", round);
+    expect(statements >= shortThreads, "statements got lost");
+    LIB(_korPool_Destroy)(0, &ex, pool);
+    LIB(_korutil_Close)(0, &ex);
+    expect(unloadModule(library) && !isLoaded(path), "cannot unload");
 }
 
-void shortLives(int round)
+void shortLives()
 {
     KOR_EX_LOCAL(ex);
     std::vector<std::jthread> threads;
     for (int i = 0; i < shortThreads; i++) {
-        threads.emplace_back(useLibrary, round);
+        threads.emplace_back(useLibrary, nullptr);
     }
-    korThread* own = library._korThread_Create_(&ex, 0, libraryThread,
-                                                reinterpret_cast<void*>(static_cast<intptr_t>(round)), 0, "tShort");
-    expect(library._korThread_Join_(&ex, 0, own) == 3, "no result", round);
-    library._korThread_Destroy_(0, &ex, own);
+    korThread* own = LIB(_korThread_Create)(&ex, 0, useLibrary, nullptr, 0, "tShort");
+    expect(LIB(_korThread_Join)(&ex, 0, own) != 0, "no result");
+    LIB(_korThread_Destroy)(0, &ex, own);
 }
 
 // A thread that lives on with its value when the library goes: the value stays its own.
-void lastingLife(kor::test::Barrier& loaded, kor::test::Barrier& used, kor::test::Barrier& unloaded, int lastRound)
+void lastingLife(kor::test::Barrier& step, int lastRound)
 {
-    for (int round = 0; round <= lastRound; round++) {
-        loaded.arrive_and_wait();
-        void* value = useLibrary(round);
-        used.arrive_and_wait();
-        unloaded.arrive_and_wait();
+    while (current <= lastRound) {
+        step.arrive_and_wait(); // loaded
+        void* value = reinterpret_cast<void*>(useLibrary(nullptr));
+        step.arrive_and_wait(); // used
+        step.arrive_and_wait(); // unloaded
         std::free(value);
     }
-    loaded.arrive_and_drop();
-    used.arrive_and_drop();
-    unloaded.arrive_and_drop();
+    step.arrive_and_drop();
 }
 
 } // namespace
@@ -153,25 +137,23 @@ void lastingLife(kor::test::Barrier& loaded, kor::test::Barrier& used, kor::test
 int main(int argc, char** argv)
 {
     const char* path = argc > 1 ? argv[1] : "korutil.dll";
-    kor::test::Barrier loaded(lastingThreads + 1);
-    kor::test::Barrier used(lastingThreads + 1);
-    kor::test::Barrier unloaded(lastingThreads + 1);
+    kor::test::Barrier step(lastingThreads + 1);
     std::vector<std::jthread> lasting;
     for (int i = 0; i < lastingThreads; i++) {
-        lasting.emplace_back(lastingLife, std::ref(loaded), std::ref(used), std::ref(unloaded),
-                             (i + 1) * roundsWithOneEnd - 1);
+        lasting.emplace_back(lastingLife, std::ref(step), (i + 1) * roundsWithOneEnd - 1);
     }
-    for (int round = 0; round < rounds; round++) {
+    while (current < rounds) {
         destructors = 0;
-        load(path, round);
-        loaded.arrive_and_wait();
-        useLibrary(round);
-        shortLives(round);
-        used.arrive_and_wait();
-        expect(destructors == shortThreads + 1, "the ends of threads", round);
-        unload(path, round);
-        expect(destructors == shortThreads + 2, "the unloading thread's own value, and no other", round);
-        unloaded.arrive_and_wait();
+        load(path);
+        step.arrive_and_wait();
+        useLibrary(nullptr);
+        shortLives();
+        step.arrive_and_wait();
+        expect(destructors == shortThreads + 1, "the ends of threads");
+        unload(path);
+        expect(destructors == shortThreads + 2, "the unloading thread's own value, and no other");
+        current++;
+        step.arrive_and_wait();
     }
     return failures == 0 ? 0 : 1;
 }
