@@ -356,20 +356,4 @@ TEST_P(KorDpaForms, EveryRequestMayFail)
     EXPECT_GE(requests, 4u);
 }
 
-TEST_P(KorDpaForms, AWholeChunkComesFromThePool)
-{
-    if (!GetParam()) {
-        return;
-    }
-    const std::pair<int32_t, int32_t> cases[] = {{0, 2}, {1, 2}, {2, 8}, {8, 8}, {9, 9}};
-    for (auto [hint, capacity] : cases) {
-        korDpa* array = create(hint);
-        EXPECT_EQ(array->capacity, capacity) << hint;
-        EXPECT_EQ(array->inlineOrPool, capacity == 8 ? reinterpret_cast<uint64_t>(arrays) : 0) << hint;
-        _korDpa_Grow(ex, 0, array, 1);
-        EXPECT_EQ(array->inlineOrPool, 0u) << "a grown array is the heap's";
-        destroy(array);
-    }
-}
-
 } // namespace

@@ -88,23 +88,6 @@ TEST_F(PoolCacheTest, KeepsWhatFitsAndPassesTheRestOn)
     destroyWhole(pool);
 }
 
-TEST_F(PoolCacheTest, OfAPoolThatIsSwitchedOffNothingIsKept)
-{
-    KOR_ATOMIC_STORE(&gPoolDisable, uint8_t{1});
-    korPool* pool = createPool();
-    KOR_ATOMIC_STORE(&gPoolDisable, uint8_t{0});
-    korPoolCache* cache = create(10, pool);
-    EXPECT_EQ(cache->maxSize, 0);
-    EXPECT_EQ(pool->usedCache, 10) << "what was claimed stays claimed";
-    giveBack(cache, get(cache));
-    EXPECT_EQ(cache->chunks.count, 0);
-    destroy(cache);
-    _korPool_Destroy(KOR_AT_D(0, ex), pool);
-    KOR_RAISE(ex, 0, KOR_ERROR_TIMEOUT, "before");
-    EXPECT_EQ(create(1, nullptr), nullptr);
-    EXPECT_RAISED(KOR_ERROR_TIMEOUT, "before");
-}
-
 TEST_F(PoolCacheTest, EveryRequestMayFail)
 {
     auto scenario = [&] {

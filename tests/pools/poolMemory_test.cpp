@@ -116,21 +116,6 @@ TEST_F(PoolMemoryTest, ABlockGoesOnThePassAfterItsMark)
     EXPECT_EQ(pool_->freeChunks, 2 * perBlock);
 }
 
-TEST_F(PoolMemoryTest, ThePoolKeepsItsLeastNumberOfBlocks)
-{
-    create(2);
-    giveHome(get(3 * perBlock));
-    Blocks before = blocks();
-    ASSERT_EQ(before.size(), 3u);
-    pass();
-    EXPECT_EQ(marks(), "-xx");
-    for (int i = 0; i < 3; i++) {
-        pass();
-        EXPECT_EQ(blocks(), (Blocks{before[0], before[2]})) << "marked or not";
-        EXPECT_EQ(marks(), "-x");
-    }
-}
-
 TEST_F(PoolMemoryTest, ABlockInUseIsPassedOver)
 {
     create(0);
