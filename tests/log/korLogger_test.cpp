@@ -90,6 +90,15 @@ TEST_F(KorLoggerTest, GroupsRunOutAt64AndHaveAtMost32Members)
     EXPECT_EQ(changedLevels(gLoggingComponentLevels).size(), 32u);
 }
 
+TEST_F(KorLoggerTest, OnceEndedTheSystemDoesNotComeUpByItself)
+{
+    _korLogger_Uninitialize(KOR_AT_D(0, ex));
+    EXPECT_EQ(_korLogger_RegisterComponent(KOR_AT(ex, 0), "early", "x"), 0);
+    EXPECT_RAISED(5, "The logging system is not initialized.");
+    _korLogger_LogExN(1, "name", 127, nullptr, "goes nowhere");
+    EXPECT_EQ(loggerIdOf(9), 0u);
+}
+
 TEST_F(KorLoggerTest, LevelsOfTheOlderScaleAreTold)
 {
     const std::pair<int32_t, int32_t> cases[] = {{1000, 100}, {127, 127},        {-128, -128},     {128, 12},
@@ -379,6 +388,20 @@ TEST_F(KorLoggerTest, ALoggerSpeaksForItselfOnceConfigured)
     EXPECT_EQ(_korLogger_GetLoggerLevel(nullptr, 29), 120);
     _korLogger_SetLoggerLogLevelWithLevel(nullptr, 29, 110);
     EXPECT_EQ(_korLogger_GetLogLevel(29), 110);
+}
+
+TEST_F(KorLoggerTest, AKeyHasOneLogger)
+{
+    for (uint64_t logKey = 100; logKey < 120; logKey++) {
+        uint64_t ids[3];
+        {
+            std::vector<std::jthread> running;
+            for (uint64_t& id : ids) {
+                running.emplace_back([&id, logKey] { id = loggerIdOf(logKey); });
+            }
+        }
+        EXPECT_TRUE(ids[0] != 0 && ids[0] == ids[1] && ids[0] == ids[2]);
+    }
 }
 
 // The record of a statement under way outlives its key, and its end leaves the younger record of the key alone.

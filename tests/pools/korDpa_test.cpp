@@ -67,11 +67,9 @@ TEST_F(KorDpa, CapacityFollowsTheHintAndTriples)
         Array array(ex, {}, hint);
         EXPECT_EQ(array->capacity, capacity) << hint;
         EXPECT_EQ(array->items == &array->inlineOrPool, capacity == 1) << hint;
-        for (int32_t value = 0; value <= capacity; value++) {
+        for (int32_t value = 0; value < capacity; value++) {
             FailingHeap heap(1);
-            if (value < capacity) {
-                _korDpa_AddSafe(ex, 0, array, 1);
-            }
+            _korDpa_AddSafe(ex, 0, array, 1);
             EXPECT_FALSE(heap.fired()) << "there is room";
         }
         _korDpa_AddSafe(ex, 0, array, 2);
