@@ -201,6 +201,29 @@ TEST_F(KorExecutorTest, CancelInEachState)
     EXPECT_TRUE(release(job) && release(dropped));
 }
 
+TEST_F(KorExecutorTest, AWaiterHearsOfACancel)
+{
+    start();
+    block();
+    TestJob job;
+    init(job);
+    run(job);
+    std::thread waiter([&] {
+        KOR_EX_LOCAL(own);
+        EXPECT_EQ(_korJob_Get(KOR_AT(&own, 0), &job.job, KOR_NO_TIMEOUT, nullptr), nullptr);
+        EXPECT_TRUE(raised(&own, KOR_ERROR_ILLEGAL_STATE, "Job has been cancelled"));
+    });
+    while (KOR_ATOMIC_LOAD(&job.job.waitState) != 2) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(get(job), nullptr);
+    EXPECT_RAISED(KOR_ERROR_ILLEGAL_STATE, "Job is not in the right state"); // somebody waits already
+    cancel(job);
+    waiter.join();
+    letGo();
+    EXPECT_TRUE(release(job));
+}
+
 TEST_F(KorExecutorTest, AFailureStaysWithItsJob)
 {
     Receiver receiver;
