@@ -501,6 +501,22 @@ TEST_F(ExchangeTest, SlowReaderIsDisconnectedInTheEnd)
     publish(publisher, "flood", "to nobody");
 }
 
+TEST_F(ExchangeTest, AnswersThatAreNotReadEndTheConnection)
+{
+    start();
+    Client deaf = connect("deaf");
+    std::string pings;
+    for (int i = 0; i < 50'000; i++) {
+        pings += pingPacket;
+    }
+    bool open = true;
+    for (int sent = 0; sent < 1000 && open; sent++) { // far more than sockets hold
+        open = deaf.send(pings);
+    }
+    EXPECT_FALSE(open);
+    EXPECT_TRUE(server->waitFor("answers are not read"));
+}
+
 // ---- Mutations ------------------------------------------------------------------------------------------------------
 
 std::string mutated(Random& random, const std::vector<std::string>& seeds)
