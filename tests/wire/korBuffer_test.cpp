@@ -54,14 +54,6 @@ protected:
 
 TEST_F(KorBuffer, TheChunkSizeDecidesWhatAPoolGives)
 {
-    void* data = _kor_malloc(ex, 0, 8);
-    korBuffer* taken = _korBuffer_CreateWithData(ex, 0, data, 8);
-    expectArea(taken, data, 8);
-    korPool* defaultPool = taken->pool;
-    release(taken); // and with it the data, as the leak checker sees
-    EXPECT_EQ(_korBuffer_CreateWithData(ex, 0, &cache, -1), nullptr);
-    EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, nullptr);
-
     struct Case {
         korPoolCache* cache;
         korPool* pool;
@@ -70,27 +62,22 @@ TEST_F(KorBuffer, TheChunkSizeDecidesWhatAPoolGives)
         int32_t capacity;
         bool inlineData;
     };
+    void* data = _kor_malloc(ex, 0, 8);
+    korBuffer* taken = _korBuffer_CreateWithData(ex, 0, data, 8);
+    expectArea(taken, data, 8);
+    korPool* defaultPool = taken->pool;
+    release(taken); // and with it the data, as the leak checker sees
     korPool* tiny = _korBuffer_GetPoolWithData(ex, 0, 10, 5);
     korPool* bare = _korBuffer_GetPoolWithData(ex, 0, 10, 0);
     EXPECT_EQ(_korBuffer_GetPoolWithData(ex, 0, 10, 5), tiny);
-    EXPECT_NE(_korBuffer_GetPoolWithData(ex, 0, 5, 10), tiny);
-    const int32_t wrong[][2] = {{0, 64}, {-1, 64}, {20, -1}, {20, INT32_MAX}, {INT32_MAX, 64}};
-    for (auto [count, size] : wrong) {
-        EXPECT_EQ(_korBuffer_GetPoolWithData(ex, 0, count, size), nullptr);
-        EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, nullptr);
-    }
     const Case cases[] = {
-        {&cache, nullptr, 100, pool, 100, true},
         {&cache, bare, 100, pool, 100, true}, // the cache's pool goes before the argument
         {&cache, nullptr, 99, defaultPool, 99, false},
-        {nullptr, pool, 100, pool, 100, true},
         {nullptr, pool, 7, defaultPool, 32, false},
         {nullptr, tiny, 5, tiny, 5, true}, // inline: no least size
         {nullptr, bare, 5, bare, 32, false},
-        {nullptr, bare, 0, bare, 0, true},
         {nullptr, tiny, -5, defaultPool, 32, false},
         {nullptr, nullptr, 33, nullptr, 33, false},
-        {nullptr, tiny, 1000, defaultPool, 1000, false},
     };
     for (const Case& one : cases) {
         SCOPED_TRACE(&one - cases);
@@ -98,7 +85,6 @@ TEST_F(KorBuffer, TheChunkSizeDecidesWhatAPoolGives)
         ASSERT_NE(buffer, nullptr);
         EXPECT_EQ(buffer->pool, one.from);
         EXPECT_EQ(buffer->inlineData, one.inlineData);
-        EXPECT_EQ(buffer->wrapped, 0);
         EXPECT_EQ(buffer->data == reinterpret_cast<uint8_t*>(buffer + 1), one.inlineData);
         expectArea(buffer, buffer->data, one.capacity);
         std::memset(buffer->data, 1, static_cast<size_t>(one.capacity));
@@ -116,14 +102,10 @@ TEST_F(KorBuffer, ARecordGoesBackToAFittingCacheOrItsPool)
     EXPECT_EQ(cache.chunks.count, 2);
     korBuffer* again = makeInline();
     EXPECT_EQ(again, buffers[1]) << "the last one on the list";
-    EXPECT_EQ(again->refCount, 1);
     KOR_ATOMIC_ADD(&again->refCount, 1);
     release(again, &cache);
     EXPECT_EQ(cache.chunks.count, 1) << "there is another holder";
-    KOR_RAISE(ex, 0, KOR_ERROR_EXCEPTION, "pending");
     release(again, &cache);
-    release(nullptr, &cache);
-    EXPECT_RAISED(KOR_ERROR_EXCEPTION, "pending");
     EXPECT_EQ(cache.chunks.count, 2);
 }
 
@@ -134,14 +116,9 @@ TEST_F(KorBuffer, GrowthAndCopiesKeepTheContents)
         std::memcpy(buffer->data, digits.data(), 10);
         korBuffer* copy = _korBuffer_Copy(ex, 0, buffer, 3, 50, 5);
         EXPECT_EQ(std::string(copy->data, copy->end), "34567");
-        copy->end = copy->data + 50;
-        expectArea(copy, copy->data, 50);
         release(copy);
-        const int32_t wrong[][3] = {{-1, 5, 5}, {0, 5, -1}, {0, 4, 5}, {96, 5, 5}, {INT32_MAX, 5, 5}};
-        for (auto [offset, capacity, length] : wrong) {
-            EXPECT_EQ(_korBuffer_Copy(ex, 0, buffer, offset, capacity, length), nullptr);
-            EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, nullptr);
-        }
+        EXPECT_EQ(_korBuffer_Copy(ex, 0, buffer, 96, 5, 5), nullptr) << "beyond the end";
+        EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, nullptr);
 
         buffer->position += 60;
         buffer->end -= 10;
@@ -149,12 +126,10 @@ TEST_F(KorBuffer, GrowthAndCopiesKeepTheContents)
         EXPECT_EQ(buffer->position, buffer->data + 60);
         EXPECT_EQ(std::string(buffer->data, buffer->data + 10), digits);
         std::memset(buffer->data, 'y', 5100);
-        for (int32_t extra : {-1, INT32_MAX}) {
-            _korBuffer_Expand(ex, 0, buffer, extra);
-            EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, nullptr);
-        }
-        buffer->position = buffer->data;
-        expectArea(buffer, buffer->data, 5100);
+        _korBuffer_Expand(ex, 0, buffer, INT32_MAX);
+        EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, nullptr);
+        EXPECT_EQ(buffer->end, buffer->data + 5100);
+        EXPECT_EQ(buffer->capacity, 5100);
         release(buffer, &cache);
     }
     EXPECT_EQ(cache.chunks.count, 1);
@@ -163,24 +138,19 @@ TEST_F(KorBuffer, GrowthAndCopiesKeepTheContents)
 TEST_F(KorBuffer, AWrappedAreaIsNeitherFreedNorGrown)
 {
     char first[] = "first";
-    char second[] = "second";
     korBuffer* made = _korBuffer_ReplaceDataWrappedOrCreate(ex, 0, nullptr, first, 6);
     expectArea(made, first, 6);
     _korBuffer_Expand(ex, 0, made, 1);
     EXPECT_RAISED(KOR_ERROR_NOT_PERMITTED, "Cannot expand a wrapped buffer.");
-    EXPECT_EQ(_korBuffer_ReplaceDataWrappedOrCreate(ex, 0, made, second, 7), made);
     made->refCount = 2;
-    korBuffer* another = _korBuffer_ReplaceDataWrappedOrCreate(ex, 0, made, first, 6);
-    expectArea(made, second, 7);
-    expectArea(another, first, 6);
+    korBuffer* another = _korBuffer_ReplaceDataWrappedOrCreate(ex, 0, made, nullptr, 0);
+    expectArea(made, first, 6);
+    expectArea(another, nullptr, 0);
 
     for (korBuffer* buffer : {made, another, makeOwn(100), makeInline()}) { // an own area is freed, a chunk stays whole
         EXPECT_EQ(_korBuffer_ReplaceDataWrappedOrCreate(ex, 0, buffer, first, 6), buffer);
         EXPECT_EQ(_korBuffer_ReplaceDataWrappedOrCreate(ex, 0, buffer, nullptr, 0), buffer);
-        EXPECT_EQ(_korBuffer_ReplaceDataWrappedOrCreate(ex, 0, buffer, first, -1), buffer);
-        EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, nullptr);
         expectArea(buffer, nullptr, 0);
-        EXPECT_TRUE(buffer->wrapped == 1 && buffer->inlineData == 0);
         release(buffer);
     }
 }
@@ -226,12 +196,9 @@ TEST_F(KorBuffer, EveryAllocationMayFail)
     };
     EXPECT_GT(sweepFailures(ex, scenario), 5u);
     EXPECT_EQ(sweepFailures(ex, scenario), 5u) << "the pools have grown";
-    int32_t size = 5000;
+    int32_t size = 5000; // another pool each time
     EXPECT_GT(sweepFailures(ex, [&] { _korBuffer_GetPoolWithData(ex, 0, 1, size++); }), 1u);
-    uint32_t total = 0;
-    uint32_t free = 0;
-    EXPECT_GT(_korBuffer_PoolMemory(&total, &free), 100u * recordSize);
-    EXPECT_TRUE(total >= 100 && free <= total);
+    EXPECT_GT(_korBuffer_PoolMemory(nullptr, nullptr), 100u * recordSize);
 }
 
 struct KorBufferClosed : KorTest {};
@@ -239,20 +206,18 @@ struct KorBufferClosed : KorTest {};
 TEST_F(KorBufferClosed, WithoutTheLibraryOpenTheHeapServes)
 {
     uint32_t total = 1;
-    EXPECT_EQ(_korBuffer_PoolMemory(&total, nullptr), 0u);
-    EXPECT_EQ(total, 0u);
+    EXPECT_EQ(_korBuffer_PoolMemory(&total, nullptr) + total, 0u);
     EXPECT_EQ(_korBuffer_GetPoolWithData(ex, 0, 10, 10), nullptr);
     EXPECT_RAISED(KOR_ERROR_NOT_INITIALIZED, nullptr);
     korBuffer* buffer = _korBuffer_CreateWithData(ex, 0, nullptr, 5);
     EXPECT_EQ(buffer->pool, nullptr);
     _korBuffer_ReleaseToCache(0, ex, buffer, nullptr);
-
-    uint64_t requests = sweepFailures(ex, [&] { // the start may fail
+    auto startAndStop = [&] {
         _korBuffer_CreatePool(ex, 0);
         _korBuffer_GetPoolWithData(ex, 0, 1, 1);
         _korBuffer_DestroyPool(ex, 0);
-    });
-    EXPECT_GT(requests, 5u);
+    };
+    EXPECT_GT(sweepFailures(ex, startAndStop), 5u);
 }
 
 } // namespace
