@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -25,22 +26,13 @@ inline void demand(bool holds)
     }
 }
 
-/// The input as a C text: up to the first NUL.
-inline std::string textOf(const std::string& input)
-{
-    return input.c_str();
-}
-
 /// What lies between the separators; one piece more than there are of these.
 inline std::vector<std::string> piecesOf(const std::string& input, char separator)
 {
-    std::vector<std::string> pieces(1);
-    for (char byte : input) {
-        if (byte == separator) {
-            pieces.emplace_back();
-        } else {
-            pieces.back() += byte;
-        }
+    std::vector<std::string> pieces;
+    std::istringstream stream(input + separator);
+    for (std::string piece; std::getline(stream, piece, separator);) {
+        pieces.push_back(piece);
     }
     return pieces;
 }

@@ -5,8 +5,6 @@
 
 #include "korutil/korGetopt.h"
 
-#include <algorithm>
-
 namespace kor::fuzz {
 
 // One element for each NUL.

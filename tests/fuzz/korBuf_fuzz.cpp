@@ -13,78 +13,77 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 struct Message {
-    korEx* ex;
     Bytes bytes;
     uint8_t* cursor = bytes.data();
     const uint8_t* end = bytes.data() + bytes.size();
 };
 
-void readHeaderInt(Message& message)
+void readHeaderInt(korEx* ex, Message& message, int32_t)
 {
-    korEx* ex = message.ex;
     uint64_t value = 0;
-    int32_t width = _korBuf_ReadHeaderInt(KOR_AT(ex, 0), &message.cursor, message.end, &value);
+    uint64_t again = 0;
+    uint8_t field[9];
+    uint8_t* cursor = field;
+    int32_t width = _korBuf_ReadHeaderInt(ex, 0, &message.cursor, message.end, &value);
     demand((width == 0) == (ex->code != 0));
     if (width != 0) {
-        Message field = {ex, Bytes(16)};
-        uint64_t again = 0;
-        demand(_korBuf_WriteHeaderIntExpanded(KOR_AT(ex, 0), &field.cursor, field.end, value, width) == width);
-        field.cursor -= width;
-        demand(std::memcmp(field.cursor, message.cursor - width, static_cast<size_t>(width)) == 0);
-        demand(_korBuf_ReadHeaderIntImpl(KOR_AT(ex, 0), &field.cursor, field.end, &again) == width && again == value);
+        demand(_korBuf_WriteHeaderIntExpanded(ex, 0, &cursor, std::end(field), value, width) == width);
+        demand(std::equal(field, cursor, message.cursor - width));
+        cursor = field;
+        demand(_korBuf_ReadHeaderIntImpl(ex, 0, &cursor, std::end(field), &again) == width && again == value);
     }
 }
 
-void readVarInt(Message& message)
+void readVarInt(korEx* ex, Message& message, int32_t)
 {
-    korEx* ex = message.ex;
     int64_t value = 0;
-    int32_t width = _korBuf_ReadVarInt(KOR_AT(ex, 0), &message.cursor, message.end, message.end, &value);
+    int64_t again = 0;
+    uint8_t field[9];
+    uint8_t* cursor = field;
+    int32_t width = _korBuf_ReadVarInt(ex, 0, &message.cursor, message.end, message.end, &value);
     if (ex->code == 0) {
-        Message field = {ex, Bytes(16)};
-        int64_t again = 0;
-        int32_t shortest = _korBuf_WriteVarInt(KOR_AT(ex, 0), &field.cursor, field.end, value);
+        int32_t shortest = _korBuf_WriteVarInt(ex, 0, &cursor, std::end(field), value);
         demand(shortest <= width + 1); // the least value of a form is written in the next one
-        demand(shortest == _korBuf_VarIntWireSize(KOR_AT(ex, 0), value));
-        const uint8_t* written = std::exchange(field.cursor, field.bytes.data());
-        demand(_korBuf_ReadVarInt(KOR_AT(ex, 0), &field.cursor, written, field.end, &again) == shortest);
-        demand(again == value);
+        demand(shortest == _korBuf_VarIntWireSize(ex, 0, value));
+        const uint8_t* written = std::exchange(cursor, field);
+        demand(_korBuf_ReadVarInt(ex, 0, &cursor, written, std::end(field), &again) == shortest && again == value);
     }
 }
 
-void readBitmask(Message& message, int32_t count)
+void readBitmask(korEx* ex, Message& message, int32_t choice)
 {
-    korEx* ex = message.ex;
+    int32_t count = choice % 600;
     Bytes array(static_cast<size_t>(count));
-    _korBuf_DecodeBitmask(KOR_AT(ex, 0), &message.cursor, message.end, array.data(), count);
+    _korBuf_DecodeBitmask(ex, 0, &message.cursor, message.end, array.data(), count);
     if (ex->code == 0) {
-        Message field = {ex, Bytes(2 * array.size() + 8)};
+        Bytes field(2 * array.size() + 8);
         Bytes again(array.size(), 0xee);
-        _korBuf_EncodeBitmask(KOR_AT(ex, 0), &field.cursor, field.end, array.data(), count);
-        const uint8_t* written = std::exchange(field.cursor, field.bytes.data());
-        _korBuf_DecodeBitmask(KOR_AT(ex, 0), &field.cursor, written, again.data(), count);
-        demand(ex->code == 0 && field.cursor == written && again == array);
+        uint8_t* cursor = field.data();
+        _korBuf_EncodeBitmask(ex, 0, &cursor, cursor + field.size(), array.data(), count);
+        const uint8_t* written = std::exchange(cursor, field.data());
+        _korBuf_DecodeBitmask(ex, 0, &cursor, written, again.data(), count);
+        demand(ex->code == 0 && cursor == written && again == array);
     }
 }
 
-void readRun(Message& message, int32_t choice)
+void readRun(korEx* ex, Message& message, int32_t choice)
 {
-    korEx* ex = message.ex;
     uint8_t* from = message.cursor;
     void* data = nullptr;
     char* text = nullptr;
     int32_t length = choice;
     if (choice % 3 == 0) {
-        _korBuf_DecodeUTF8(KOR_AT(ex, 0), &message.cursor, message.end, &text, 0);
+        _korBuf_DecodeUTF8(ex, 0, &message.cursor, message.end, &text, 0);
         demand(ex->code != 0 || from + std::strlen(text) + 1 == message.cursor);
-    } else if (choice % 3 == 1) {
-        _korBuf_DecodeBytes(KOR_AT(ex, 0), &message.cursor, message.end, &data, &length, 0);
-        demand(ex->code != 0 || from + sizeof length + std::max(length, 0) == message.cursor);
-    } else {
-        _korBuf_DecodeNBytes(KOR_AT(ex, 0), &message.cursor, message.end, &data, length, 0);
-        demand(ex->code != 0 || from + length == message.cursor);
+        return;
     }
-    demand(data == nullptr || ex->code != 0 || length < 0 || static_cast<uint8_t*>(data) + length == message.cursor);
+    if (choice % 3 == 1) {
+        _korBuf_DecodeBytes(ex, 0, &message.cursor, message.end, &data, &length, 0);
+        from += sizeof length;
+    } else {
+        _korBuf_DecodeNBytes(ex, 0, &message.cursor, message.end, &data, length, 0);
+    }
+    demand(ex->code != 0 || (data == from && from + std::max(length, 0) == message.cursor));
 }
 
 } // namespace
@@ -94,22 +93,11 @@ void check(korEx* ex, const std::string& input)
     if (input.size() < 3) {
         return;
     }
-    Message message = {ex, Bytes(input.begin() + 3, input.end())};
-    int32_t argument = static_cast<uint8_t>(input[1]) << 8 | static_cast<uint8_t>(input[2]);
+    constexpr void (*readers[])(korEx*, Message&, int32_t) = {readHeaderInt, readVarInt, readBitmask, readRun};
+    Message message = {Bytes(input.begin() + 3, input.end())};
+    int32_t choice = static_cast<uint8_t>(input[1]) << 8 | static_cast<uint8_t>(input[2]);
     for (int step = 0; step < 64 && ex->code == 0 && message.cursor < message.end; step++) {
-        switch (static_cast<uint8_t>(input[0]) >> step % 4 * 2 & 3) {
-        case 0:
-            readHeaderInt(message);
-            break;
-        case 1:
-            readVarInt(message);
-            break;
-        case 2:
-            readBitmask(message, argument % 600);
-            break;
-        default:
-            readRun(message, argument);
-        }
+        readers[static_cast<uint8_t>(input[0]) >> step % 4 * 2 & 3](ex, message, choice);
     }
 }
 

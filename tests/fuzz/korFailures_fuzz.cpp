@@ -8,13 +8,13 @@
 
 void kor::fuzz::check(korEx* ex, const std::string& entries)
 {
-    _korLogger_SetLogLevels(KOR_AT(ex, 0), "tests:off");
+    _korLogger_SetLogLevels(ex, 0, "tests:off");
     for (const std::string& text : {"buf:" + entries, "buf:{\"failures\":[" + entries + "]}",
                                     "buf:{\"failures\":[{\"name\":\"point\"," + entries + "}]}"}) {
         korEx_Clear(ex);
-        _korFailures_Open(KOR_AT(ex, 0), text.c_str());
+        _korFailures_Open(ex, 0, text.c_str());
         demand(korEx_GetErrorCode(ex) == 0 || korEx_GetErrorCode(ex) == KOR_ERROR_INVALID_ARGUMENT);
         korEx_Clear(ex);
-        demand(!_korFailures_Check(KOR_AT(ex, 0), "absent point"));
+        demand(!_korFailures_Check(ex, 0, "absent point"));
     }
 }

@@ -43,7 +43,7 @@ void checkItem(const kor_cJSON* item)
 
 void check(korEx*, const std::string& input)
 {
-    std::string text = textOf(input);
+    std::string text = input.c_str();
     const char* cursor = text.c_str();
     while (kor_cJSON* item = _kor_cJSON_ParseEx(&cursor)) {
         demand(cursor > text.c_str() && cursor <= text.c_str() + text.size());

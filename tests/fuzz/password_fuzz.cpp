@@ -21,11 +21,10 @@ void kor::fuzz::check(korEx* ex, const std::string& input)
     std::string password(static_cast<uint8_t>(input[1]) + size_t{1}, '\0');
     auto userSize = static_cast<int32_t>(user.size());
     auto passwordSize = static_cast<int32_t>(password.size());
-    _korPasswordFile_GetUsernamePassword(KOR_AT(ex, 0), path.c_str(), user.data(), userSize, password.data(),
-                                         passwordSize);
+    _korPasswordFile_GetUsernamePassword(ex, 0, path.c_str(), user.data(), userSize, password.data(), passwordSize);
     demand(ex->code != 0 || std::strlen(password.c_str()) < password.size());
     korEx_Clear(ex);
-    _korPasswordFile_GetPassword(KOR_AT(ex, 0), path.c_str(), password.data(), passwordSize);
+    _korPasswordFile_GetPassword(ex, 0, path.c_str(), password.data(), passwordSize);
     demand(std::strlen(password.c_str()) < password.size());
     std::remove(path.c_str());
 }
