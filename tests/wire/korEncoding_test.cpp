@@ -1,4 +1,4 @@
-// korEncoding_test.cpp - published vectors, room to the byte, and round trips of random bytes.
+// korEncoding_test.cpp - published vectors, room to the byte, and round trips.
 
 #include "korutil/korEncoding.h"
 
@@ -109,21 +109,16 @@ TEST_F(KorEncodingTest, Hexadecimal)
     EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, "binhex binary buffer too small");
 }
 
-TEST_F(KorEncodingTest, RandomBytesSurviveEveryForm)
+TEST_F(KorEncodingTest, EveryByteSurvivesEveryForm)
 {
-    Random random;
-    for (int round = 0; round < 300; round++) {
-        std::string bytes(random.below(100), '\0');
-        for (char& byte : bytes) {
-            byte = static_cast<char>(random.next());
-        }
-        for (Encoder encoder : {_korBase64_Encode, _korBase64Url_Encode}) {
-            EXPECT_EQ(decode(_korBase64_Decode, encode(encoder, bytes).second), bytes);
-        }
-        bytes.resize(bytes.size() / 4 * 4);
-        std::string text = encode(_korBase85_Encode, bytes, bytes.size() * 5 / 4 + 1).second;
-        EXPECT_EQ(decode(_korBase85_Decode, text, bytes.size()), bytes);
+    std::string bytes;
+    for (int byte = 0; byte < 256; byte++) {
+        bytes += static_cast<char>(byte);
     }
+    for (Encoder encoder : {_korBase64_Encode, _korBase64Url_Encode}) {
+        EXPECT_EQ(decode(_korBase64_Decode, encode(encoder, bytes).second), bytes);
+    }
+    EXPECT_EQ(decode(_korBase85_Decode, encode(_korBase85_Encode, bytes, 321).second, 256), bytes);
 }
 
 } // namespace

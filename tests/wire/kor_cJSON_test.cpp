@@ -197,9 +197,6 @@ TEST(KorJson, LaidOutAsByPlainCjson)
         cJSON_Delete(plain);
         EXPECT_EQ(printed(parse(printed(item))), printed(item));
     }
-    char text[] = "{ \"a b\" :\t[ 1 , 2 ] // end\n }";
-    _kor_cJSON_Minify(text);
-    EXPECT_STREQ(text, "{\"a b\":[1,2]}");
 }
 
 // ---- Trees ----------------------------------------------------------------------------------------------------------
@@ -260,23 +257,6 @@ TEST(KorJson, MembersChange)
     EXPECT_EQ(printed(copy), R"({"alpha":true,"beta":2,"ALPHA":3,"const":false})");
 }
 
-TEST(KorJson, ReferencesDoNotOwn)
-{
-    Item shared = parse("{\"deep\":[1,2],\"text\":\"t\"}");
-    kor_cJSON* text = _kor_cJSON_GetObjectItem(shared.get(), "text");
-    Item root(_kor_cJSON_CreateObject());
-    Item list(_kor_cJSON_CreateArray());
-    ASSERT_TRUE(_kor_cJSON_AddItemReferenceToObject(root.get(), "ref", shared.get()));
-    ASSERT_TRUE(_kor_cJSON_AddItemReferenceToObject(root.get(), "text", text));
-    ASSERT_TRUE(_kor_cJSON_AddItemReferenceToArray(list.get(), shared.get()));
-    Item copy(_kor_cJSON_Duplicate(root.get(), 1));
-    root.reset();
-    list.reset();
-    EXPECT_EQ(printed(shared), R"({"deep":[1,2],"text":"t"})");
-    shared.reset();
-    EXPECT_EQ(printed(copy), R"({"ref":{"deep":[1,2],"text":"t"},"text":"t"})");
-}
-
 // ---- Hooks ----------------------------------------------------------------------------------------------------------
 
 size_t requests;
@@ -313,14 +293,20 @@ TEST(KorJsonHooks, AnyRequestMayFail)
             if (_kor_cJSON_ReplaceItemInObject(root.get(), "b", item.get())) {
                 item.release();
             }
-            _kor_cJSON_AddItemReferenceToObject(root.get(), "d", root->child);
+            Item references(_kor_cJSON_CreateObject()); // share, and do not own
+            _kor_cJSON_AddItemReferenceToObject(references.get(), "d", root->child);
+            _kor_cJSON_AddItemReferenceToArray(root->child, root->child->child->next);
             _kor_cJSON_AddFormattedStringToObject(root.get(), "e", "%d", 1);
             Item copy(_kor_cJSON_Duplicate(root.get(), 1));
             const char* texts[] = {"a", "b"};
             Item array(_kor_cJSON_CreateStringArray(texts, 2));
-            std::string text = take(_kor_cJSON_PrintBuffered(root.get(), 4, 1));
+            take(_kor_cJSON_PrintBuffered(root.get(), 4, 1));
+            std::string all = printed(references) + printed(copy);
             whole = requests < failing;
-            EXPECT_TRUE(!whole || (copy != nullptr && array != nullptr && text != "(null)"));
+            EXPECT_TRUE(!whole || array != nullptr);
+            EXPECT_TRUE(!whole || all == R"({"d":[1,"two",{"three":"3"},"two"]})"
+                                         R"({"a":[1,"two",{"three":"3"},"two"],"b":false,"c":"text","e":"1"})")
+                << all;
         }
         EXPECT_EQ(blocksOut, 0) << "request " << failing;
     }
