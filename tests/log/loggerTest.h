@@ -53,6 +53,12 @@ protected:
         ASSERT_CLEAN();
         gLoggingMsgTracingSet = gLoggingMsgFullTracingSet = 0;
     }
+    /// No later test logs into a receiver that has gone.
+    void TearDown() override
+    {
+        _korLogger_Uninitialize(KOR_AT_D(0, ex));
+        KorTest::TearDown();
+    }
 
     /// Sends the statements of a key, 0 for the global logger, to `receiver`.
     void receive(Receiver& receiver, uint64_t logKey = 0)

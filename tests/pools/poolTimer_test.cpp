@@ -42,11 +42,6 @@ protected:
         ASSERT_CLEAN();
         receiver.take(); // what the opening says at this level
     }
-    void TearDown() override
-    {
-        LoggerTest::TearDown();
-        _korLogger_Uninitialize(KOR_AT_D(0, ex));
-    }
 
     /// Leaves `blocks` wholly free blocks: a thread that never got a chunk returns them to their blocks.
     void useAll()
