@@ -55,20 +55,4 @@ TEST(KorLRU, AgainstAModel)
     EXPECT_EQ(walk(&lru), before);
 }
 
-TEST(KorLRU, NothingIsDoneToNothing)
-{
-    korLRU lru;
-    korLRUItem item = {};
-    _korLRU_Init(&lru);
-    _korLRU_Init(nullptr);
-    _korLRU_Clear(nullptr);
-    for (auto operation : {_korLRU_Add, _korLRU_Use, _korLRU_Remove}) {
-        operation(nullptr, &item);
-        operation(&lru, nullptr);
-    }
-    EXPECT_TRUE(lru.count == 0 && item.next == nullptr && item.prev == nullptr);
-    EXPECT_TRUE(_korLRU_RemoveLast(nullptr) == nullptr && _korLRU_Last(nullptr) == nullptr);
-    EXPECT_TRUE(_korLRU_Prev(nullptr) == nullptr && _korLRU_Prev(&item) == nullptr);
-}
-
 } // namespace
