@@ -91,8 +91,6 @@ TEST_F(KorBtree, CapacitiesArePowersOfTwoFromFour)
         EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, "maxItemsPerNode must be 4 or greater power of 2");
     }
     make(16384);
-    set(5);
-    check();
 }
 
 TEST_F(KorBtree, TreesShareAPoolThroughACache)
