@@ -92,9 +92,9 @@ protected:
     // What an enumeration shows. From each topic it removes what `victim` chooses.
     std::string enumerate(const Victim& victim)
     {
-        std::pair<std::string, const Victim&> closure = {"", victim};
+        std::pair<std::string, Victim> closure = {"", victim};
         auto visit = [](korEx*, uint8_t, const char* topic, const korDpa* values, void* argument) {
-            auto& [seen, choose] = *static_cast<std::pair<std::string, const Victim&>*>(argument);
+            auto& [seen, choose] = *static_cast<decltype(closure)*>(argument);
             seen += std::string(topic) + "=" + std::to_string(values->count) + " ";
             return choose(values);
         };
@@ -102,7 +102,6 @@ protected:
         return closure.first;
     }
     static uint64_t first(const korDpa* values) { return values->items[0]; }
-    static uint64_t none(const korDpa*) { return 0; }
 
     bool isBare() const
     {
@@ -127,30 +126,19 @@ TEST_F(KorTopicList, FindsInTheOrderOfTheWalk)
         const char* query;
         Values wide, narrow;
     } cases[] = {
-        {"a/b", {4, 5, 3, 1, 2}, {4, 5, 3, 2, 1}},
-        {"a", {4, 6, 9}, {4, 9, 6}},
-        {"x/b", {4, 5}, {4, 5}},
-        {"c/d", {4, 8}, {4, 8}},
-        {"a/b/c", {4, 3, 10}, {4, 3, 10}},
-        {"a/#", {4, 9, 5, 6, 1, 10, 2, 3}, {4, 9, 3}},
-        {"c/#", {4, 9, 5, 7, 8}, {4, 9, 8}},
-        {"#", {6, 1, 10, 2, 3, 4, 9, 5, 7, 8}, {4}},
-        {"+", {6, 4, 9, 7}, {4, 9}},
-        {"+/b", {3, 1, 2, 4, 5, 8}, {4, 5}},
-        {"a/+", {4, 5, 1, 2, 3}, {4, 3, 2}},
+        {"a/b", {4, 5, 3, 1, 2}, {4, 5, 3, 2, 1}},     {"a", {4, 6, 9}, {4, 9, 6}},
+        {"a/#", {4, 9, 5, 6, 1, 10, 2, 3}, {4, 9, 3}}, {"#", {6, 1, 10, 2, 3, 4, 9, 5, 7, 8}, {4}},
+        {"+/b", {3, 1, 2, 4, 5, 8}, {4, 5}},           {"a/+", {4, 5, 1, 2, 3}, {4, 3, 2}},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(get(c.query), c.wide) << c.query;
         EXPECT_EQ(narrow(c.query), c.narrow) << c.query;
     }
     EXPECT_EQ(literal("a/+"), (Values{2}));
-    EXPECT_EQ(literal("+/q"), Values{});
-    EXPECT_EQ(all(), get("#"));
 }
 
 TEST_F(KorTopicList, CountsAndRemovesValues)
 {
-    EXPECT_EQ(_korTopicList_All(ex, 0, list), nullptr);
     korTopicNode* node = insert("a/b", 1);
     for (uint64_t value : {1u, 2u, 0u}) {
         EXPECT_EQ(insert("a/b", value), node);
@@ -159,47 +147,27 @@ TEST_F(KorTopicList, CountsAndRemovesValues)
     EXPECT_EQ(_korTopicList_GetLiteral(ex, 0, list, "a/b"), node->values);
     EXPECT_EQ(_korTopicList_Get(ex, 0, list, "a/b"), _korTopicList_All(ex, 0, list)) << "one array for all results";
     int32_t remaining = 99;
-    for (const char* absent : {"a", "a/c", "b", "a/b/c", "", "a/"}) {
-        EXPECT_EQ(_korTopicList_RemoveEx(0, ex, list, absent, 0, &remaining), 0) << absent;
-        EXPECT_EQ(remaining, 99) << absent;
-    }
+    EXPECT_EQ(_korTopicList_RemoveEx(0, ex, list, "a/c", 0, &remaining), 0);
+    EXPECT_EQ(remaining, 99);
     EXPECT_EQ(_korTopicList_RemoveEx(0, ex, list, "a/b", 1, &remaining), 1);
-    EXPECT_EQ(literal("a/b"), (Values{0, 1, 2})) << "the last value takes the place of the first equal one";
-    EXPECT_EQ(_korTopicList_RemoveEx(0, ex, list, "a/b", 5, &remaining), 0);
     EXPECT_EQ(remaining, 3);
+    EXPECT_EQ(literal("a/b"), (Values{0, 1, 2})) << "the last value takes the place of the first equal one";
     EXPECT_EQ(_korTopicList_RemoveEx(0, ex, list, "a/b", 0, &remaining), 3);
     EXPECT_EQ(remaining, 0);
     EXPECT_TRUE(isBare());
 }
 
-TEST_F(KorTopicList, TakesNoNullAndStopsAtAnErrorPending)
+TEST_F(KorTopicList, StopsAtAnErrorPendingButForRemoving)
 {
     insert("a", 1);
-    _korTopicList_Insert(ex, 0, nullptr, "a", 1);
-    _korTopicList_Insert(ex, 0, list, nullptr, 1);
-    EXPECT_EQ(_korTopicList_Remove(0, ex, nullptr, "a", 1), 0);
-    EXPECT_EQ(_korTopicList_Remove(0, ex, list, nullptr, 1), 0);
-    EXPECT_EQ(_korTopicList_Get(ex, 0, list, nullptr), nullptr);
-    EXPECT_EQ(textOf(nullptr), "");
     KOR_RAISE(ex, 0, KOR_ERROR_TIMEOUT, "before");
     EXPECT_EQ(insert("b", 2), nullptr);
-    EXPECT_EQ(_korTopicList_Create(ex, 0), nullptr);
-    EXPECT_EQ(_korTopicList_CreatePools(ex, 0), nullptr);
     for (const Values& found : {get("a"), narrow("a"), literal("a"), all()}) {
         EXPECT_EQ(found, Values{});
     }
-    EXPECT_EQ(count(), 0u);
     EXPECT_EQ(remove("a", 1), 1);
     EXPECT_RAISED(KOR_ERROR_TIMEOUT, "before");
     EXPECT_TRUE(isBare());
-}
-
-TEST_F(KorTopicList, ABufferForTextGrowsByDoubling)
-{
-    textOf(insert("a/", 1));
-    EXPECT_EQ(textSize, 64);
-    textOf(insert(std::string(100, 'x'), 1));
-    EXPECT_EQ(textSize, 202);
 }
 
 TEST_F(KorTopicList, EnumeratesDepthFirstAndRemoves)
@@ -208,19 +176,17 @@ TEST_F(KorTopicList, EnumeratesDepthFirstAndRemoves)
         insert(topic, 5);
     }
     std::string seen = "a=1 a/b/c=2 a//=1 a/+=1 #=1 +/#=1 ";
-    EXPECT_EQ(enumerate(none), seen);
     EXPECT_EQ(enumerate([](const korDpa*) { return 6; }), seen) << "a value that is not there";
     EXPECT_EQ(enumerate(first), seen);
-    insert("a/e", 5);
+    EXPECT_EQ(count(), 1u);
     auto fail = [&](const korDpa* values) {
         KOR_RAISE(ex, 0, KOR_ERROR_INTERRUPTED, "enough");
         return first(values);
     };
-    for (const char* left : {"a/b/c=1 ", "a/e=1 "}) { // an error of the visitor ends it; what it chose is removed
-        EXPECT_EQ(enumerate(fail), left);
-        EXPECT_RAISED(KOR_ERROR_INTERRUPTED, "enough");
-    }
-    EXPECT_TRUE(isBare());
+    insert("a/e", 5);
+    EXPECT_EQ(enumerate(fail), "a/b/c=1 ") << "an error of the visitor ends it; what it chose is removed";
+    EXPECT_RAISED(KOR_ERROR_INTERRUPTED, "enough");
+    EXPECT_EQ(all().size(), 1u);
 }
 
 // Recursion of any kind would run out of stack here, and depth, an 8-bit number, goes round many times.
@@ -239,22 +205,20 @@ TEST_F(KorTopicList, DepthHasNoLimit)
     EXPECT_EQ(enumerate([](const korDpa*) { return 1; }), deep + "=1 " + pluses + "=1 ");
     EXPECT_EQ(remove(pluses, 2), 1);
     EXPECT_TRUE(isBare());
-    insert(deep, 1); // for the end of the list
+    _korTopicList_Insert(ex, 0, list, deep.c_str(), 1); // for the end of the list
 }
 
 TEST_F(KorTopicList, BranchesAtEveryLevelAreAllFollowed)
 {
-    constexpr int levels = 150;
-    std::string query = repeated("a", levels);
-    for (int pluses = 0; pluses < levels; pluses++) {
-        std::string topic = query;
-        for (int at = 0; at < pluses; at++) {
-            topic[static_cast<size_t>(at) * 2] = '+';
-        }
-        insert(topic, static_cast<uint64_t>(pluses) + 1);
+    constexpr uint64_t levels = 150;
+    Tokens topic(levels, "a");
+    std::string query = join(topic);
+    for (uint64_t pluses = 0; pluses < levels; pluses++) {
+        insert(join(topic), pluses);
+        topic[pluses] = "+";
     }
     for (const Values& found : {get(query), narrow(query)}) {
-        ASSERT_EQ(found.size(), size_t{levels});
+        ASSERT_EQ(found.size(), levels);
         EXPECT_TRUE(std::is_sorted(found.rbegin(), found.rend())) << "the branch of the + comes first";
     }
 }
@@ -291,16 +255,15 @@ struct Model {
             std::erase_if(children, [](auto& c) { return c->values.empty() && c->children.empty(); });
             return removed;
         }
-        if (value == 0) {
-            return std::exchange(values, {}).size();
-        }
+        size_t before = values.size();
         auto found = std::find(values.begin(), values.end(), value);
-        if (found == values.end()) {
-            return 0;
+        if (value == 0) {
+            values.clear();
+        } else if (found != values.end()) {
+            *found = values.back();
+            values.pop_back();
         }
-        *found = values.back();
-        values.pop_back();
-        return 1;
+        return before - values.size();
     }
 
     static bool leads(const Model* node) { return node != nullptr && !node->children.empty(); }
@@ -373,7 +336,7 @@ Tokens randomTopic(Random& random, unsigned wild)
         token = random.chance(wild) ? (random.chance(60) ? "+" : "#")
                 : random.chance(5)  ? odd[random.below(4)]
                 : random.chance(20) ? std::to_string(random.below(300)) // lets tables grow and shrink
-                                    : std::string(1, static_cast<char>('a' + random.below(3)));
+                                    : std::string(1, "abc"[random.below(3)]);
     }
     return tokens;
 }
