@@ -261,12 +261,10 @@ TEST_F(HashTest, shrinksLazilyAndNotBelow64)
     remove(0);
     EXPECT_EQ(hash->oldHash, nullptr);                   // the count before the removal is tested: 33
     EXPECT_EQ(failing(1, [&] { return remove(1); }), 2); // a shrink that fails is tried again
-    EXPECT_EQ(remove(1000), 0);                          // an absent key is enough
-    EXPECT_EQ(hash->slotCount, 64);
     for (uint32_t number = 2; number < 33; number++) {
         EXPECT_EQ(remove(number), number + 1);
+        EXPECT_EQ(hash->slotCount, 64);
     }
-    EXPECT_EQ(hash->slotCount, 64);
 }
 
 // Slot 0 of the old table holds 0 and behind it 2; the new pair 4 has taken the new table's slot 0.

@@ -34,33 +34,15 @@ std::string join(const Tokens& tokens)
     return topic;
 }
 
-std::string repeated(const char* token, int count)
-{
-    return join(Tokens(static_cast<size_t>(count), token));
-}
-
-enum class Kind { heap, pooled, shared };
-
 class KorTopicList : public KorTest
 {
 protected:
-    void SetUp() override { make(Kind::heap); }
     void TearDown() override
     {
         _korTopicList_Destroy(0, ex, list);
         _korTopicList_DestroyPools(0, ex, pools);
         _kor_free(0, ex, text);
         KorTest::TearDown();
-    }
-
-    void make(Kind kind)
-    {
-        _korTopicList_Destroy(0, ex, list);
-        pools = kind == Kind::shared ? _korTopicList_CreatePools(ex, 0) : pools;
-        list = kind == Kind::heap     ? _korTopicList_Create(ex, 0)
-               : kind == Kind::pooled ? _korTopicList_CreatePooled(ex, 0)
-                                      : _korTopicList_CreatePooledEx(ex, 0, pools);
-        ASSERT_CLEAN();
     }
 
     korTopicNode* insert(const std::string& topic, uint64_t value)
@@ -84,8 +66,8 @@ protected:
     {
         int32_t length = _korTopicList_Topic(ex, 0, list, node, &text, &textSize);
         EXPECT_LE(length, textSize);
-        EXPECT_EQ(length, node == nullptr ? 0 : static_cast<int32_t>(strlen(text)) + 1);
-        return node == nullptr ? "" : text;
+        EXPECT_EQ(length, static_cast<int32_t>(strlen(text)) + 1);
+        return text;
     }
 
     using Victim = std::function<uint64_t(const korDpa* values)>;
@@ -110,8 +92,8 @@ protected:
                root->plusNode == nullptr && root->hashNode == nullptr;
     }
 
-    korPool** pools = nullptr;
-    korTopicList* list = nullptr;
+    korPool** pools = _korTopicList_CreatePools(ex, 0);
+    korTopicList* list = _korTopicList_Create(ex, 0);
     char* text = nullptr;
     int32_t textSize = 0;
 };
@@ -192,9 +174,7 @@ TEST_F(KorTopicList, EnumeratesDepthFirstAndRemoves)
 // Recursion of any kind would run out of stack here, and depth, an 8-bit number, goes round many times.
 TEST_F(KorTopicList, DepthHasNoLimit)
 {
-    constexpr int levels = 100000;
-    std::string deep = repeated("a", levels);
-    std::string pluses = repeated("+", levels);
+    std::string deep = join(Tokens(100000, "a")), pluses = join(Tokens(100000, "+"));
     EXPECT_EQ(textOf(insert(deep, 1)), deep);
     insert(pluses, 2);
     EXPECT_EQ(get(deep), (Values{2, 1}));
@@ -345,8 +325,9 @@ TEST_F(KorTopicList, MatchesTheModel)
 {
     constexpr int steps = 6000;
     Random random;
-    for (Kind kind : {Kind::heap, Kind::pooled, Kind::shared}) {
-        make(kind);
+    for (korTopicList* made :
+         {_korTopicList_Create(ex, 0), _korTopicList_CreatePooled(ex, 0), _korTopicList_CreatePooledEx(ex, 0, pools)}) {
+        _korTopicList_Destroy(0, ex, std::exchange(list, made));
         Model model;
         size_t stored = 0;
         std::vector<Tokens> used;
@@ -392,7 +373,7 @@ TEST_F(KorTopicList, FailedAllocationsLeaveAWholeList)
             topics.push_back(start + std::string(i * 6, 'x') + "/#");
         }
     }
-    topics.push_back(repeated("d", 20));
+    topics.push_back(join(Tokens(20, "d")));
     auto choose = [](korEx*, uint8_t, const char*, const korDpa* values, void*) { return first(values); };
     auto useAll = [&] {
         KOR_EX_LOCAL(other);
