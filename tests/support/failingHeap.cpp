@@ -241,7 +241,7 @@ bool FailingHeap::fired() const
 
 uint64_t sweepFailures(korEx* ex, const std::function<void()>& scenario)
 {
-    constexpr uint64_t limit = 100000; // a scenario that needs more is a mistake
+    constexpr uint64_t limit = 100000;              // a scenario that needs more is a mistake
     KOR_RAISE(ex, 0, KOR_ERROR_EXCEPTION, nullptr); // the first raise of a thread asks for its name
     korEx_Clear(ex);
     for (uint64_t failing = 1; failing < limit; failing++) {
