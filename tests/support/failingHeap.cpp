@@ -3,6 +3,8 @@
 
 #include "support/failingHeap.h"
 
+#include "korutil/korAlloc.h"
+
 #include <cerrno>
 #include <cstring>
 
@@ -239,11 +241,18 @@ bool FailingHeap::fired() const
     return plan.fired;
 }
 
+// What a process and a thread ask for once: the debug allocator's settings, the thread's name.
+static void warmUp(korEx* ex)
+{
+    _kor_free(KOR_AT_D(0, ex), _kor_malloc(KOR_AT(ex, 0), 1));
+    KOR_RAISE(ex, 0, KOR_ERROR_EXCEPTION, nullptr);
+    korEx_Clear(ex);
+}
+
 uint64_t sweepFailures(korEx* ex, const std::function<void()>& scenario)
 {
-    constexpr uint64_t limit = 100000;              // a scenario that needs more is a mistake
-    KOR_RAISE(ex, 0, KOR_ERROR_EXCEPTION, nullptr); // the first raise of a thread asks for its name
-    korEx_Clear(ex);
+    constexpr uint64_t limit = 100000; // a scenario that needs more is a mistake
+    warmUp(ex);
     for (uint64_t failing = 1; failing < limit; failing++) {
         FailingHeap heap(failing);
         scenario();
