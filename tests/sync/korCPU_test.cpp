@@ -6,7 +6,6 @@
 #include "support/korTest.h"
 
 #include <chrono>
-#include <cmath>
 #include <thread>
 #include <x86intrin.h>
 
@@ -15,10 +14,6 @@ using KorCPU = kor::test::KorTest;
 TEST_F(KorCPU, TheCounterTicksAtTheRateThatAnotherClockShows)
 {
     EXPECT_TRUE(_korCPU_SupportsDCAS()); // every 64-bit system of today demands it
-    for (double seconds : {0.0, -1.0, std::nan("")}) {
-        double frequency = _korCPU_TSCFreq(seconds);
-        EXPECT_TRUE(std::isfinite(frequency) && frequency >= 0) << seconds;
-    }
     if (!_korCPU_SupportsTSC()) {
         GTEST_SKIP() << "no steady time-stamp counter here";
     }
@@ -33,19 +28,15 @@ TEST_F(KorCPU, TheCounterTicksAtTheRateThatAnotherClockShows)
 TEST_F(KorCPU, CoresAreThoseOfTheMachineAndAllElseIsNeutral)
 {
     EXPECT_GE(_korAffinity_CoreCount(), std::max(1u, std::thread::hardware_concurrency()));
-    for (int32_t pending : {0, 9}) {
-        ex->code = pending;
-        _korAffinity_Open(ex, 0);
-        _korAffinity_Begin(ex, 0);
-        _korAffinity_SetSharedCoresMinSetSize(ex, 0, 4);
-        _korAffinity_AddCore(ex, 0, 2);
-        EXPECT_EQ(_korAffinity_CoreSetSize() + _korAffinity_executorSize(), 2u);
-        EXPECT_EQ(_korAffinity_MigrateThisThread(ex, 0), -1);
-        EXPECT_EQ(_korAffinity_SetCurrentCoreByName(ex, 0, "main"), 0);
-        EXPECT_TRUE(_korAffinity_IsCoreAvailable(ex, 0, 2));
-        _korAffinity_ReturnCore();
-        _korAffinity_Close(0, ex);
-        EXPECT_EQ(ex->code, pending);
-    }
-    korEx_Clear(ex);
+    _korAffinity_Open(ex, 0);
+    _korAffinity_Begin(ex, 0);
+    _korAffinity_SetSharedCoresMinSetSize(ex, 0, 4);
+    _korAffinity_AddCore(ex, 0, 2);
+    EXPECT_EQ(_korAffinity_CoreSetSize() + _korAffinity_executorSize(), 2u);
+    EXPECT_EQ(_korAffinity_MigrateThisThread(ex, 0), -1);
+    EXPECT_EQ(_korAffinity_SetCurrentCoreByName(ex, 0, "main"), 0);
+    EXPECT_TRUE(_korAffinity_IsCoreAvailable(ex, 0, 2));
+    _korAffinity_ReturnCore();
+    _korAffinity_Close(0, ex);
+    EXPECT_CLEAN();
 }

@@ -7,7 +7,7 @@ using namespace kor::test;
 
 using KorCondition = KorTest;
 
-TEST_F(KorCondition, ATimedWaitTellsWhetherTheTimeRanOut)
+TEST_F(KorCondition, AWakeUpWithoutAWaiterLetsOneTimedWaitPass)
 {
     MutexPair pair;
     auto timesOut = [&](uint32_t limit) {
@@ -15,27 +15,25 @@ TEST_F(KorCondition, ATimedWaitTellsWhetherTheTimeRanOut)
     };
     pair.acquire();
     EXPECT_TRUE(timesOut(0));
-    pair.signal(ex);
-    EXPECT_FALSE(timesOut(0xFFFFFFFF));
-    EXPECT_TRUE(timesOut(1));
+    for (auto wake : {&MutexPair::signal, &MutexPair::broadcast}) {
+        (pair.*wake)(ex, 0);
+        (pair.*wake)(ex, 0);
+        EXPECT_FALSE(timesOut(0xFFFFFFFF));
+        EXPECT_TRUE(timesOut(1));
+    }
     _korCondition_Clear(0, ex, &pair.conditions[0]);
     EXPECT_FALSE(timesOut(5));
     EXPECT_RAISED(KOR_ERROR_OS, "Condition wait");
     pair.release();
 }
 
-TEST_F(KorCondition, AClockSetBackNeitherAddsNorTakes)
+TEST_F(KorCondition, AClockSetBackTakesNothingFromALimit)
 {
     korTargetTime target = {};
     _korTargetTime_SetRemaining(&target, 5000);
-    EXPECT_EQ(target.started, 1);
-    EXPECT_EQ(target.remaining, 5000);
     target.startTime += 3600;
     _korTargetTime_SetRemaining(&target, 1);
     EXPECT_EQ(target.remaining, 5000);
-    target.startTime -= 3600;
-    _korTargetTime_SetRemaining(&target, 1);
-    EXPECT_EQ(target.remaining, 0);
 }
 
 using KorCountCondition = KorTest;
@@ -56,20 +54,9 @@ TEST_F(KorCountCondition, EachWaiterLeavesAtItsTarget)
         _korCountCondition_Signal(0, ex, &counter);
     }
     _korCountCondition_Wait(0, ex, &counter, 5); // reached already
-    EXPECT_EQ(counter.count, 5);
     _korCondition_Clear(0, ex, &counter.condition);
-    _korMutex_Clear(ex, 0, &counter.mutex);
-}
-
-TEST_F(KorCountCondition, WaitsWithAnErrorPendingAndEndsWhenTheWaitFails)
-{
-    korCountCondition* counter = _korCountCondition_Create(ex, 0);
-    ASSERT_CLEAN();
-    _korCondition_Clear(0, ex, &counter->condition);
-    _korCountCondition_Wait(0, ex, counter, 1);
+    _korCountCondition_Wait(0, ex, &counter, 6);
+    _korCountCondition_Wait(0, ex, &counter, 6); // a wait that fails ends it with an error pending too
     EXPECT_RAISED(KOR_ERROR_OS, "Condition wait");
-    KOR_RAISE(ex, 0, KOR_ERROR_NOT_FOUND, nullptr);
-    _korCountCondition_Wait(0, ex, counter, 1);
-    EXPECT_RAISED(KOR_ERROR_NOT_FOUND, nullptr);
-    _korCountCondition_Destroy(0, ex, counter);
+    _korMutex_Clear(ex, 0, &counter.mutex);
 }

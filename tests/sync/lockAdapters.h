@@ -44,8 +44,8 @@ bool isHeld(auto& pair)
 {
     bool held = true;
     std::jthread([&] {
-        if (pair.tryAcquire()) {
-            held = false;
+        held = !pair.tryAcquire();
+        if (!held) {
             pair.release();
         }
     }).join();
