@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
-#include <map>
 #include <string>
 #include <string_view>
 
@@ -26,15 +25,22 @@ struct Guarded {
     char bytes[32];
 };
 
+uint32_t KOR_PRINTF(3, 4) formatted(char* buffer, size_t size, const char* pattern, ...)
+{
+    va_list arguments;
+    va_start(arguments, pattern);
+    uint32_t length = _kor_vsnprintf(buffer, size, pattern, arguments);
+    va_end(arguments);
+    return length;
+}
+
 TEST(korText, FormattingGivesTheLengthThatStandsInTheBuffer)
 {
     Guarded buffer;
-    EXPECT_EQ(_kor_snprintf(buffer.bytes, 8, "%s", "abcdefgh"), 7u);
+    EXPECT_EQ(formatted(buffer.bytes, 8, "%s", "abcdefgh"), 7u);
     EXPECT_STREQ(buffer.bytes, "abcdefg");
     EXPECT_TRUE(buffer.intactFrom(8));
-    EXPECT_EQ(_kor_snprintf(buffer.bytes, 8, "%s", "abcdefg"), 7u);
     EXPECT_EQ(_kor_snprintf(buffer.bytes, 1, "%d", 12), 0u);
-    EXPECT_STREQ(buffer.bytes, "");
     EXPECT_EQ(_kor_snprintf(nullptr, 0, "%d", 12), 0u);
     EXPECT_EQ(_kor_snprintf(buffer.bytes, sizeof buffer.bytes, "%lld %zu %hhd", -1LL, size_t{2}, 3), 6u);
     EXPECT_STREQ(buffer.bytes, "-1 2 3") << "the formats of C99, on every system";
@@ -44,88 +50,56 @@ TEST(korText, LengthsNeverLookBehindTheirLimit)
 {
     const char text[3] = {'a', 'b', 'c'};
     EXPECT_EQ(_kor_strnlen(text, 3), 3u);
-    EXPECT_EQ(_kor_strnlen("ab", 9), 2u);
-    EXPECT_EQ(_kor_strnlen(nullptr, 0), 0u);
     EXPECT_EQ(_kor_strlen("abc"), 3u);
-
     Guarded open;
     EXPECT_EQ(_kor_bufnlen(open.bytes, 0), 0u);
     EXPECT_TRUE(open.intactFrom(0));
     EXPECT_EQ(_kor_bufnlen(open.bytes, 4), 3u) << "no end inside: the last byte becomes it";
     EXPECT_STREQ(open.bytes, "###");
     EXPECT_TRUE(open.intactFrom(4));
-    EXPECT_EQ(_kor_bufnlen(open.bytes, 32), 3u);
 }
 
-struct Placing {
-    std::string_view before; // what stands in the buffer; "#" follows to the end
-    size_t size;
-    const char* source;
-    size_t length;
-    uint32_t result;
-    std::string_view after;
-};
-
-TEST(korText, CopyCutsAndTerminates)
-{
-    const Placing cases[] = {
-        {"", 3, "abc", 0, 2, "ab"},         {"", 4, "abc", 0, 3, "abc"},       {"", 1, "abc", 0, 0, ""},
-        {"", 9, "abc", 2, 2, "ab"},         {"", 3, "abcdef", 5, 2, "ab"},     {"", 9, "", 0, 0, ""},
-        {"", 9, "a\0b", 3, 3, {"a\0b", 3}}, {"", 3, "a\0b", 3, 2, {"a\0", 2}}, {"", 9, nullptr, 0, 0, ""},
-    };
-    for (const Placing& test : cases) {
-        Guarded buffer(test.before);
-        EXPECT_EQ(_kor_StringCopy(buffer.bytes, test.size, test.source, test.length), test.result);
-        EXPECT_EQ(std::string_view(buffer.bytes, test.result), test.after);
-        EXPECT_EQ(buffer.bytes[test.result], '\0');
-        EXPECT_TRUE(buffer.intactFrom(test.size));
-    }
-    EXPECT_EQ(_kor_StringCopy(nullptr, 0, "abc", 0), 0u);
-}
-
-TEST(korText, CatAppendsBehindWhateverStandsThere)
+TEST(korText, CopyAndCatCutAndTerminate)
 {
     const std::string_view ab("ab\0", 3);
-    const Placing cases[] = {
-        {ab, 9, "cd", 0, 4, "abcd"},  {ab, 5, "cd", 0, 4, "abcd"},   {ab, 4, "cd", 0, 3, "abc"},
-        {ab, 9, "cdef", 1, 3, "abc"}, {"abcd", 4, "x", 0, 3, "abc"}, {"abcdef", 6, "", 0, 5, "abcde"},
-        {"a", 1, "x", 0, 0, ""},
+    struct {
+        uint32_t (*place)(char*, size_t, const char*, size_t);
+        std::string_view before; // what stands in the buffer; "#" follows to the end
+        size_t size;
+        const char* source;
+        size_t length;
+        std::string_view after;
+    } const cases[] = {
+        {_kor_StringCopy, "", 3, "abc", 0, "ab"},   {_kor_StringCopy, "", 4, "abc", 0, "abc"},
+        {_kor_StringCopy, "", 1, "abc", 0, ""},     {_kor_StringCopy, "", 9, "a\0b", 3, {"a\0b", 3}},
+        {_kor_StringCopy, "", 9, nullptr, 0, ""},   {_kor_StringCat, ab, 5, "cd", 0, "abcd"},
+        {_kor_StringCat, ab, 4, "cd", 0, "abc"},    {_kor_StringCat, ab, 9, "cdef", 1, "abc"},
+        {_kor_StringCat, "abcd", 4, "x", 0, "abc"}, {_kor_StringCat, "a", 1, "x", 0, ""},
     };
-    for (const Placing& test : cases) {
+    for (const auto& test : cases) {
         Guarded buffer(test.before);
-        EXPECT_EQ(_kor_StringCat(buffer.bytes, test.size, test.source, test.length), test.result);
-        EXPECT_EQ(std::string_view(buffer.bytes, test.result), test.after);
-        EXPECT_EQ(buffer.bytes[test.result], '\0');
+        uint32_t length = test.place(buffer.bytes, test.size, test.source, test.length);
+        EXPECT_EQ(std::string_view(buffer.bytes, length), test.after);
+        EXPECT_EQ(buffer.bytes[length], '\0');
         EXPECT_TRUE(buffer.intactFrom(test.size));
     }
-    EXPECT_EQ(_kor_StringCat(nullptr, 0, "abc", 0), 0u);
 }
 
 TEST(korText, TrimLeavesABlankSourceAlone)
 {
     Guarded buffer;
-    EXPECT_EQ(_kor_TrimWhitespace(buffer.bytes, 32, "", 0), 0u);
     EXPECT_EQ(_kor_TrimWhitespace(buffer.bytes, 32, " \t\r\n\v\f ", 0), 0u);
     EXPECT_EQ(_kor_TrimWhitespace(buffer.bytes, 32, "  a", 2), 0u) << "the letter lies behind the length";
     EXPECT_EQ(_kor_TrimWhitespace(buffer.bytes, 0, "a", 0), 0u);
     EXPECT_TRUE(buffer.intactFrom(0));
-
-    EXPECT_EQ(_kor_TrimWhitespace(buffer.bytes, 32, "\t a b \n", 0), 3u);
-    EXPECT_STREQ(buffer.bytes, "a b");
-    EXPECT_EQ(_kor_TrimWhitespace(buffer.bytes, 3,
-                                  " \xE4"
-                                  "bcd ",
-                                  0),
-              2u);
-    EXPECT_STREQ(buffer.bytes, "\xE4"
-                               "b");
-
-    Guarded inPlace({"  abc  \0", 8});
+    EXPECT_EQ(_kor_TrimWhitespace(buffer.bytes, 3, " \344bcd ", 0), 2u);
+    EXPECT_STREQ(buffer.bytes, "\344b");
+    Guarded inPlace({" \ta b  \0", 8});
     EXPECT_EQ(_kor_TrimWhitespace(inPlace.bytes, 8, inPlace.bytes, 0), 3u);
-    EXPECT_STREQ(inPlace.bytes, "abc");
+    EXPECT_STREQ(inPlace.bytes, "a b");
 }
 
-// The part of `text` that was read is followed by a '|' in `marked`; without one nothing was.
+// The part of `marked` that is read ends at its '|'; without one nothing is.
 template <typename Number>
 void expectRead(Number (*read)(const char*, char**), const std::string& marked, Number expected)
 {
@@ -140,37 +114,31 @@ void expectRead(Number (*read)(const char*, char**), const std::string& marked, 
 
 TEST(korText, NumbersAndHowFarTheyGo)
 {
-    const std::map<std::string, uint64_t> whole = {{"0|", 0},
-                                                   {" 42|x", 42},
-                                                   {"0x1F|g", 31},
-                                                   {"077|9", 63},
-                                                   {"none", 0},
-                                                   {"18446744073709551615|", UINT64_MAX},
-                                                   {"18446744073709551616|", UINT64_MAX}};
-    for (const auto& [text, value] : whole) {
+    const std::pair<const char*, uint64_t> whole[] = {
+        {" 42|x", 42}, {"0x1F|g", 31}, {"077|9", 63}, {"none", 0}, {"18446744073709551616|", UINT64_MAX},
+    };
+    for (auto [text, value] : whole) {
         expectRead(_kor_parseU64, text, value);
     }
     constexpr double infinity = std::numeric_limits<double>::infinity();
     constexpr double nan = std::numeric_limits<double>::quiet_NaN();
-    const std::map<std::string, double> fractions = {{"1.5e3|,", 1500},
-                                                     {" -.25|", -0.25},
-                                                     {"+7|", 7},
-                                                     {"x", 0},
-                                                     {"", 0},
-                                                     {"-", 0},
-                                                     {"1e999|", infinity},
-                                                     {"inf|", infinity},
-                                                     {" -InFiNiTy|.", -infinity},
-                                                     {"+INF|INIT", infinity},
-                                                     {"in", 0},
-                                                     {"nan|", nan},
-                                                     {"NaN(0aZ)|x", nan},
-                                                     {"nan()|", nan},
-                                                     {"nan|(a-b)", nan},
-                                                     {"nan|(ab", nan},
-                                                     {"-nan|", nan},
-                                                     {"na", 0}};
-    for (const auto& [text, value] : fractions) {
+    const std::pair<const char*, double> fractions[] = {
+        {"1.5e3|,", 1500},
+        {" -.25|", -0.25},
+        {"", 0},
+        {"-", 0},
+        {"1e999|", infinity},
+        {"inf|", infinity},
+        {" -InFiNiTy|.", -infinity},
+        {"+INF|INIT", infinity},
+        {"in", 0},
+        {"NaN(0aZ)|x", nan},
+        {"nan|(a-b)", nan},
+        {"nan|(ab", nan},
+        {"-nan|", nan},
+        {"na", 0},
+    };
+    for (auto [text, value] : fractions) {
         expectRead(_kor_strtod, text, value);
     }
     EXPECT_EQ(_kor_strtod("2.5", nullptr), 2.5);
@@ -178,27 +146,9 @@ TEST(korText, NumbersAndHowFarTheyGo)
 
 TEST(korText, ErrorTextsOfSocketsAndOfTheLibrary)
 {
-    EXPECT_STREQ(_kor_strerror(10035),
-                 "The socket is marked as non-blocking and the connection can not be completed now.");
     EXPECT_STREQ(_kor_strerror(10093), "WINSOCK has not been initialized");
     EXPECT_STREQ(_kor_strerror(ENOENT), std::strerror(ENOENT));
     EXPECT_STRNE(_kor_strerror(10054), "") << "a socket number without a text of its own";
 }
 
 } // namespace
-
-TEST(korText, FormatsWithAListOfArguments)
-{
-    auto format = [](char* buffer, size_t size, const char* pattern, ...) KOR_PRINTF(4, 5) {
-        va_list arguments;
-        va_start(arguments, pattern);
-        uint32_t length = _kor_vsnprintf(buffer, size, pattern, arguments);
-        va_end(arguments);
-        return length;
-    };
-    char buffer[8] = "#######";
-    EXPECT_EQ(format(buffer, 0, "%d", 1), 0u);
-    EXPECT_STREQ(buffer, "#######");
-    EXPECT_EQ(format(buffer, 6, "%zu-%s", size_t{12}, "abc"), 5u) << "what stands there, not what was cut";
-    EXPECT_STREQ(buffer, "12-ab");
-}

@@ -6,7 +6,6 @@
 #include "support/korTest.h"
 
 #include <chrono>
-#include <cstring>
 #include <ctime>
 #include <string>
 
@@ -38,28 +37,23 @@ TEST(korTime, TheFormsOfNowLieBetweenTwoLooksAtTheClock)
     }
 }
 
-TEST(korTime, LocalTimeIsTheCLibrarys)
-{
-    korTime time = {1709251199, 987'654'321}; // the last second of a 29th of February in UTC
-    time_t instant = 1709251199;
-    tm parts = *std::localtime(&instant);
-    korDateTime local;
-    _kor_GetLocalTime(&time, &local);
-    EXPECT_EQ(local.year, parts.tm_year + 1900);
-    EXPECT_EQ(local.month, parts.tm_mon + 1);
-    EXPECT_EQ(local.day, parts.tm_mday);
-    EXPECT_EQ(local.hour, parts.tm_hour);
-    EXPECT_EQ(local.minute, parts.tm_min);
-    EXPECT_EQ(local.second, parts.tm_sec);
-    EXPECT_EQ(local.millisecond, 987);
-}
-
 std::string dateText(const korDateTime& at)
 {
     char text[64];
     _kor_snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03d", at.year, at.month, at.day, at.hour,
                   at.minute, at.second, at.millisecond);
     return text;
+}
+
+TEST(korTime, LocalTimeIsTheCLibrarys)
+{
+    korTime time = {1709251199, 987'654'321}; // the last second of a 29th of February in UTC
+    time_t instant = 1709251199;
+    char wanted[64];
+    std::strftime(wanted, sizeof wanted, "%Y-%m-%d %H:%M:%S.987", std::localtime(&instant));
+    korDateTime local;
+    _kor_GetLocalTime(&time, &local);
+    EXPECT_EQ(dateText(local), wanted);
 }
 
 TEST(korTime, TextsOfNowAreInOrderWithTheClock)
@@ -70,7 +64,6 @@ TEST(korTime, TextsOfNowAreInOrderWithTheClock)
     EXPECT_EQ(_kor_GetCurrentLocalTimeStr(text, sizeof text), 23u);
     EXPECT_EQ(_kor_GetCurrentLocalDateTimeStr(date, sizeof date, time, sizeof time), 12u);
     _kor_GetCurrentLocalTime(&after);
-
     std::string both = std::string(date) + " " + time;
     both[13] = both[16] = ':';
     both[19] = '.';
@@ -87,13 +80,9 @@ std::string converted(int64_t seconds, int64_t nanoseconds)
     return {text, end};
 }
 
-TEST(korTime, DatesOverTheWholeRange)
+TEST(korTime, DatesAtTheEndsOfTheRange)
 {
-    EXPECT_EQ(converted(0, 0), "1970-01-01 00:00:00.000000000Z");
     EXPECT_EQ(converted(-1, 999'999'999), "1969-12-31 23:59:59.999999999Z");
-    EXPECT_EQ(converted(951782400, 1), "2000-02-29 00:00:00.000000001Z");
-    EXPECT_EQ(converted(-2203891200, 0), "1900-03-01 00:00:00.000000000Z") << "a century is no leap year";
-    EXPECT_EQ(converted(-2203891201, 0), "1900-02-28 23:59:59.000000000Z");
     EXPECT_EQ(converted(253402300800, 0), "10000-01-01 00:00:00.000000000Z");
     EXPECT_EQ(converted(-62135596800, 0), "0001-01-01 00:00:00.000000000Z");
     EXPECT_EQ(converted(-62135596801, 0), "-001-12-31 23:59:59.000000000Z") << "there is no year 0";
@@ -104,9 +93,7 @@ TEST(korTime, DatesOverTheWholeRange)
 TEST(korTime, EveryDayOfEightHundredYearsIsTheStandardCalendars)
 {
     using namespace std::chrono;
-    sys_days first = year{1599} / 1 / 1;
-    sys_days last = year{2401} / 12 / 31;
-    for (sys_days day = first; day <= last; day += days{1}) {
+    for (sys_days day = year{1599} / 1 / 1; day <= sys_days{year{2401} / 12 / 31}; day += days{1}) {
         year_month_day date = day;
         char wanted[64];
         _kor_snprintf(wanted, sizeof wanted, "%04d-%02u-%02u 23:59:59.000000000Z", static_cast<int>(date.year()),
@@ -134,8 +121,6 @@ TEST(korTime, SleepTakesItsTimeOrNone)
     _kor_Sleep(20);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(19)); // its timer may round down
     _kor_Sleep(-1); // for ever, if it were taken for an unsigned number
-    _kor_Sleep(INT64_MIN);
-    _kor_Sleep(0);
 }
 
 } // namespace
