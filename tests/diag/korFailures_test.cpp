@@ -14,6 +14,7 @@
 #include "support/failingHeap.h"
 #include "support/korTest.h"
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
@@ -80,9 +81,7 @@ TEST_F(KorFailuresTest, WhichChecksFire)
         {"interval", R"("interval":3,"num_of_failures":2)", "..x..x......"},
         {"offset", R"("offset":5,"num_of_failures":100)", "....xxxxxxxx"},
         {"both", R"("offset":9,"interval":4,"num_of_failures":100)", "...x...xxxxx"},
-        {"limit", R"("offset":1,"num_of_failures":3)", "xxx........."},
         {"nolimit", R"("offset":1,"interval":1)", "............"},
-        {"below", R"("interval":1,"num_of_failures":-1)", "............"},
         {"norule", R"("num_of_failures":100)", "............"},
         {"exponent", R"("interval":2e0,"num_of_failures":1e1)", ".x.x.x.x.x.x"},
         {"nochance", R"("chance":1,"num_of_failures":100)", "............"}, // one draw of 2^64 may still fire
@@ -93,8 +92,6 @@ TEST_F(KorFailuresTest, WhichChecksFire)
         EXPECT_TRUE(said(std::string("Failure '") + c.name + "' loaded."));
         EXPECT_EQ(checks(c.name, 12), c.fired) << c.name;
     }
-    EXPECT_EQ(fmInitialized, 1);
-    EXPECT_FALSE(check("absent"));
     KOR_RAISE(ex, 0, 100, "pending");
     EXPECT_FALSE(check("offset"));
     EXPECT_RAISED(100, "pending");
@@ -117,36 +114,24 @@ TEST_F(KorFailuresTest, EntriesOfManyKinds)
         bool loaded;
     } cases[] = {
         {"chance0", R"("chance":0)", false},
-        {"chance1.5", R"("chance":1.5)", false},
-        {"chance-1", R"("chance":-1,"unheard":1)", false},
+        {"chance1.5", R"("chance":1.5,"unheard":1)", false},
         {"disabled", R"("enable":false,"unheard":1)", false},
         {"enabled", R"("enable":true)", true},
-        {"enabled1", R"("enable":1)", true},
-        {"noflag", R"("skip":1)", true},
     };
     for (const auto& c : cases) {
         load(std::string("{\"name\":\"") + c.name + R"(","interval":1,"num_of_failures":1,"skip":true,)" + c.members +
              "}");
         EXPECT_EQ(said(std::string("Failure '") + c.name + "' loaded."), c.loaded) << c.name;
-        EXPECT_EQ(check(c.name), c.loaded && std::string(c.name) != "noflag") << c.name;
+        EXPECT_EQ(check(c.name), c.loaded) << c.name;
+        EXPECT_FALSE(said(std::string("Unknown failure property 'unheard' in failure '") + c.name + "'."));
     }
-    for (const char* name : {"chance-1", "disabled"}) {
-        EXPECT_FALSE(said(std::string("Unknown failure property 'unheard' in failure '") + name + "'."));
-    }
-    load(
-        R"({"strange":1,"name":"typed","interval":"3","NAME":"x","delay":true,"onoffile":1,"chance":"1"}, [1], 7, {})");
+    load(R"({"strange":1,"name":"typed","interval":"3","delay":true,"onoffile":1,"chance":"1"}, [1], 7, {})");
     EXPECT_TRUE(said("Unknown failure property 'strange'."));
-    for (const char* key : {"interval", "NAME", "delay", "onoffile", "chance"}) {
+    for (const char* key : {"interval", "delay", "onoffile", "chance"}) {
         EXPECT_TRUE(said(std::string("Unknown failure property '") + key + "' in failure 'typed'.")) << key;
     }
-    statements.clear();
     load(R"({"interval":1,"num_of_failures":1,"skip":true},{"name":7})");
     EXPECT_FALSE(said("Failure '' loaded."));
-    EXPECT_CLEAN();
-}
-
-TEST_F(KorFailuresTest, LaterEntryReplacesEarlierOne)
-{
     load(R"({"name":"twice","interval":1,"num_of_failures":9,"skip":true},{"name":"twice","name":"twice"})");
     EXPECT_TRUE(said("Failure 'twice' replaced by more recent one"));
     EXPECT_FALSE(check("twice"));
@@ -154,33 +139,21 @@ TEST_F(KorFailuresTest, LaterEntryReplacesEarlierOne)
 
 TEST_F(KorFailuresTest, Texts)
 {
-    struct {
-        const char* text;
-        bool valid;
-    } cases[] = {{"buf:", false},
-                 {"buf:[]", false},
-                 {"buf:{\"failures\":[", false},
-                 {"buf:1", false},
-                 {"buf:{}", true},
-                 {"buf:{\"failures\":[]}", true},
-                 {"buf:{\"failures\":1}", true},
-                 {"buf:{\"x\":[{\"name\":\"x\"}]}", true}};
-    for (const auto& c : cases) {
-        open(c.text);
-        EXPECT_TRUE(c.valid ? clean(ex) : raised(ex, 1, "Invalid json string")) << c.text;
+    for (const char* invalid : {"buf:", "buf:[]", "buf:{\"failures\":[", "buf:1"}) {
+        open(invalid);
+        EXPECT_TRUE(raised(ex, 1, "Invalid json string")) << invalid;
     }
-    open("buf:{\"FaiLures\":[{\"name\":\"cased\"}]}");
-    EXPECT_TRUE(said("Failure 'cased' loaded."));
-    open("buf:{\"x\":1,\"failures\":[{\"name\":\"second\"}]}"); // not the first member
-    EXPECT_FALSE(said("Failure 'second' loaded."));
-    std::string fits = "buf:{\"failures\":[{\"name\":\"fits\"}]}";
-    open(fits + std::string(4095 - fits.size(), ' '));
-    EXPECT_TRUE(said("Failure 'fits' loaded."));
-    fits.replace(fits.find("fits"), 4, "over");
-    fits.resize(4096, ' ');
-    open(fits);
-    EXPECT_CLEAN();
-    EXPECT_FALSE(said("Failure 'over' loaded."));
+    for (const char* empty : {"buf:{}", "buf:{\"failures\":1}", "buf:{\"x\":1,\"failures\":[{\"name\":\"x\"}]}"}) {
+        open(empty);
+        EXPECT_TRUE(clean(ex)) << empty;
+        EXPECT_FALSE(said("Failure 'x' loaded.")) << empty; // the list must be the first member
+    }
+    for (size_t size : {4095u, 4096u}) {
+        std::string name = std::to_string(size);
+        std::string text = "buf:{\"FaiLures\":[{\"name\":\"" + name + "\"}]}";
+        open(text + std::string(size - text.size(), ' '));
+        EXPECT_EQ(said("Failure '" + name + "' loaded."), size < 4096);
+    }
     _korFailures_Open(KOR_AT(ex, 0), nullptr);
     EXPECT_RAISED(1, nullptr);
 }
@@ -191,25 +164,25 @@ TEST_F(KorFailuresTest, Files)
     _korFile_MakeTempFileName(KOR_AT(ex, 0), name);
     auto directory = std::filesystem::temp_directory_path() / (std::string("kor-failures-") + name);
     std::filesystem::create_directory(directory);
+    auto path = [&](const char* file) { return (directory / file).generic_string(); };
     auto put = [&](const char* file, std::string text, size_t size) {
         text.resize(std::max(size, text.size()), ' ');
-        auto path = directory / file;
-        std::ofstream(path, std::ios::binary) << text;
-        return path.generic_string();
+        std::ofstream(path(file), std::ios::binary) << text;
     };
-    std::string mark = (directory / "mark").generic_string();
-    open(put("config", R"({"failures":[{"name":"filed","onoffile":")" + mark + R"(","skip":true}]})", 4095));
+    put("config", R"({"failures":[{"name":"filed","onoffile":")" + path("mark") + R"(","skip":true}]})", 4095);
+    open(path("config"));
     ASSERT_CLEAN();
-    EXPECT_EQ(checks("filed", 3), "...");
+    EXPECT_FALSE(check("filed"));
     put("mark", "", 0);
     EXPECT_EQ(checks("filed", 3), "xxx"); // with no limit given
-    std::filesystem::remove(mark);
+    std::filesystem::remove(path("mark"));
     EXPECT_FALSE(check("filed"));
-    open(put("full", R"({"failures":[{"name":"full"}]})", 4096)); // no room for its terminator
+    put("config", R"({"failures":[{"name":"full"}]})", 4096); // no room for its terminator
+    open(path("config"));
     EXPECT_RAISED(1, "Invalid json string");
-    open((directory / "absent").generic_string());
+    open(path("absent"));
     EXPECT_RAISED(9, "File cannot be found.");
-    EXPECT_TRUE(said("failures " + (directory / "absent").generic_string() + " cannot be opened."));
+    EXPECT_TRUE(said("failures " + path("absent") + " cannot be opened."));
     std::filesystem::remove_all(directory);
 }
 
@@ -229,27 +202,24 @@ TEST_F(KorFailuresTest, ChecksFromManyThreads)
     _korLogger_SetLogLevels(KOR_AT(ex, 0), "tests:severe");
     constexpr int threads = 4, rounds = 3000;
     load(R"({"name":"shared","interval":2,"num_of_failures":1000000,"skip":true})");
-    std::vector<int> fired(threads);
-    std::vector<std::thread> checkers;
-    for (int i = 0; i < threads; i++) {
-        checkers.emplace_back([&, i] {
-            KOR_EX_LOCAL(local);
-            for (int n = 0; n < rounds; n++) {
-                fired[static_cast<size_t>(i)] += _korFailures_Check(KOR_AT(&local, 0), "shared");
-                _korFailures_Check(KOR_AT(&local, 0), "replaced");
-            }
-        });
+    std::atomic<int> fired = 0;
+    {
+        std::vector<std::jthread> checkers;
+        for (int i = 0; i < threads; i++) {
+            checkers.emplace_back([&] {
+                KOR_EX_LOCAL(local);
+                for (int n = 0; n < rounds; n++) {
+                    fired += _korFailures_Check(KOR_AT(&local, 0), "shared");
+                    _korFailures_Check(KOR_AT(&local, 0), "replaced");
+                }
+            });
+        }
+        for (int i = 0; i < 50; i++) {
+            load(R"({"name":"replaced","interval":1,"num_of_failures":5,"skip":true},{"name":"grow)" +
+                 std::to_string(i) + "\"}");
+        }
     }
-    for (int i = 0; i < 50; i++) {
-        load(R"({"name":"replaced","interval":1,"num_of_failures":5,"skip":true},{"name":"grow)" + std::to_string(i) +
-             "\"}");
-    }
-    int total = 0;
-    for (int i = 0; i < threads; i++) {
-        checkers[static_cast<size_t>(i)].join();
-        total += fired[static_cast<size_t>(i)];
-    }
-    EXPECT_EQ(total, threads * rounds / 2);
+    EXPECT_EQ(fired, threads * rounds / 2);
 }
 
 // A request that fails is code 2, or no JSON, for whose tree there was no memory. Nothing is lost.
@@ -290,8 +260,6 @@ TEST_F(KorFailuresTest, AbortIsAnOrderlyExit)
 TEST_F(KorFailuresTest, DISABLED_ChildOfClose)
 {
     EXPECT_FALSE(check("early")); // nothing is configured
-    _korFailures_Close(KOR_AT_D(0, ex));
-    EXPECT_EQ(fmInitialized, 0);
     _korutil_Open(KOR_AT(ex, 0), KORUTIL_LEVEL);
     load(R"({"name":"point","interval":1,"num_of_failures":9,"skip":true})");
     EXPECT_TRUE(check("point"));
