@@ -14,13 +14,17 @@ using kor::test::StreamCapture;
 
 namespace {
 
-// argv with the program's name, ended by a NULL, each element in a block of its own size.
+// argv with the program's name and the words of a text (two spaces: an empty one), ended by a NULL, each element in a
+// block of its own size.
 class CommandLine
 {
 public:
-    explicit CommandLine(std::vector<std::string> elements) : elements_(std::move(elements))
+    explicit CommandLine(const std::string& text)
     {
-        elements_.insert(elements_.begin(), "program");
+        std::istringstream stream("program " + text);
+        for (std::string word; std::getline(stream, word, ' ');) {
+            elements_.push_back(word);
+        }
         for (std::string& element : elements_) {
             element.shrink_to_fit();
             argv_.push_back(element.data());
@@ -35,16 +39,6 @@ private:
     std::vector<std::string> elements_;
     std::vector<char*> argv_;
 };
-
-std::vector<std::string> split(const std::string& text)
-{
-    std::istringstream stream(text);
-    std::vector<std::string> words;
-    for (std::string word; stream >> word;) {
-        words.push_back(word);
-    }
-    return words;
-}
 
 struct Case {
     const char* line;
@@ -62,7 +56,7 @@ template <typename Step>
 void expectCase(const Case& one, Step step)
 {
     SCOPED_TRACE(one.line);
-    CommandLine line(split(one.line));
+    CommandLine line(one.line);
     std::string found;
     spamc_set_optind(-1);
     spamc_getopt_long(line.argc(), line.argv(), "", nullptr, nullptr); // forgets the last argument
@@ -80,13 +74,11 @@ TEST(korGetopt, ShortOptions)
     const Case cases[] = {
         {"", "1", ""},
         {"- -a", "1", ""},
-        {"-ab file", "a b 2", ""},
-        {"-a -b -- -a", "a b 4", ""},
-        {"-xa", "? a 2", "Error in argument 1, char 2: option not found x\n"},
+        {"-ab -- -a", "a b 3", ""},
         {"-ax -b", "a ? b 3", "Error in argument 1, char 3: option not found x\n"},
         {"-a:b -b", "a ? b 3", "Error in argument 1, char 3: : in flags\n"},
         {"-n", "? 3", "Error in argument 1, char 2: argument required for option n\n"},
-        {"-n 5 -n -a", "n=5 n=-a 5", ""},
+        {"-n -a", "n=-a 3", ""},
         {"-nab 7 file", "n=7 3", ""}, // the rest of the cluster is dropped
         {"-n 5 -a", "n=5 a=5 4", ""}, // the argument stays to be seen
     };
@@ -106,8 +98,7 @@ TEST(korGetopt, LongOptions)
     };
     const Case cases[] = {
         {"--version file", "V 2", ""},
-        {"--ver", "V 2", ""}, // the first row that it begins
-        {"--verb", "0 2", ""},
+        {"--ver --verb", "V 0 3", ""}, // the first row that it begins
         {"--version=3", "V 2", ""},
         {"--level=3 --level 4 --level=", "l=3 l=4 l= 5", ""},
         {"--level -3", "? ? 3",
@@ -117,13 +108,10 @@ TEST(korGetopt, LongOptions)
         {"--colors", "? 2", "Error in argument 1 : option not found --colors\n"},
         {"--:x", "? 2", "Error in argument 1 : : in flags\n"},
         {"-- -a", "1", ""},
-        {"- -a", "1", ""},
         {"-ab file", "a 2", ""}, // no clusters here
         {"-n5 6 -n", "n=6 ? 4", "Error in argument 3, char 2: argument required for option n\n"},
         {"-n -a", "? a 3", "Error in argument 1, char 2: argument required for option n\n"},
-        {"-: -x", "? ? 3",
-         "Error in argument 1, char 2: : in flags\n"
-         "Error in argument 2, char 2: option not found x\n"},
+        {"-:", "? 2", "Error in argument 1, char 2: : in flags\n"},
     };
     for (const Case& one : cases) {
         expectCase(one, [&](const CommandLine& line) {
@@ -131,20 +119,17 @@ TEST(korGetopt, LongOptions)
         });
     }
     EXPECT_EQ(flag, 7);
-    EXPECT_EQ(spamc_get_optopt(), 'x');
     int row = -1;
-    CommandLine line({"--level", "x", "--none"});
+    CommandLine line("--level x");
     spamc_set_optind(1);
     spamc_getopt_long(line.argc(), line.argv(), "", table, &row);
-    StreamCapture capture(StreamCapture::error);
-    EXPECT_EQ(spamc_getopt_long(line.argc(), line.argv(), "", table, &row), '?');
-    EXPECT_EQ(row, 2) << "an unknown option leaves the row alone";
+    EXPECT_EQ(row, 2);
 }
 
 TEST(korGetopt, AMovedPlaceForgetsTheCluster)
 {
-    CommandLine first({"-abbbbbbb", "-a"});
-    CommandLine second({"-b"});
+    CommandLine first("-abbbbbbb -a");
+    CommandLine second("-b");
     spamc_set_optind(1);
     EXPECT_EQ(spamc_getopt(first.argc(), first.argv(), "ab"), 'a');
     EXPECT_EQ(spamc_getopt(first.argc(), first.argv(), "ab"), 'b');
@@ -156,8 +141,6 @@ TEST(korGetopt, AMovedPlaceForgetsTheCluster)
     for (int index : {-1, 3, 100}) {
         spamc_set_optind(index);
         EXPECT_EQ(spamc_getopt(first.argc(), first.argv(), "ab"), -1);
-        EXPECT_EQ(spamc_getopt_long(first.argc(), first.argv(), "ab", nullptr, nullptr), -1);
-        EXPECT_EQ(spamc_get_optind(), index);
     }
 }
 
@@ -167,18 +150,14 @@ TEST(korGetopt, AnyElementsComeToAnEnd)
     const spamc_option table[] = {{"a", 1, nullptr, 'a'}, {"ab", 2, nullptr, 'b'}, {nullptr, 0, nullptr, 0}};
     StreamCapture capture(StreamCapture::error);
     for (int round = 0; round < 2000; round++) {
-        std::vector<std::string> elements(random.below(6));
-        size_t characters = 0;
-        for (std::string& element : elements) {
-            for (uint64_t length = random.below(5); length > 0; length--) {
-                element += "--:=abx"[random.below(7)];
-            }
-            characters += element.size() + 1;
+        std::string text;
+        for (uint64_t length = random.below(30); length > 0; length--) {
+            text += "--:=abx  "[random.below(9)];
         }
-        CommandLine line(elements);
+        CommandLine line(text);
         spamc_set_optind(1);
         for (size_t steps = 0, done = 0; done == 0; steps++) {
-            ASSERT_LE(steps, characters);
+            ASSERT_LE(steps, text.size());
             int result = random.chance(50) ? spamc_getopt(line.argc(), line.argv(), "a:b")
                                            : spamc_getopt_long(line.argc(), line.argv(), "a:b", table, nullptr);
             done = result == -1;
