@@ -146,7 +146,7 @@ TEST_F(KorShmRegion, DISABLED_EndsWithoutADestroy)
     Region made(ex, name);
     std::strcpy(made.map(), "left behind");
     korSemaphore* semaphore = nullptr;
-    _korSemaphore_Create(ex, 0, name.c_str(), &semaphore);
+    _korSemaphore_Create(ex, 0, (name + "-s").c_str(), &semaphore); // Windows has one name space for both
     korTargetTime target = {};
     uint8_t timedOut = 0;
     _korSemaphore_TimedWait(ex, 0, semaphore, 0, &target, &timedOut);
@@ -166,11 +166,10 @@ TEST_F(KorShmRegion, ACrashLeavesNothingBehindNorDoesASemaphores)
         EXPECT_EQ(made.created, 1);
         EXPECT_STREQ(made.map(unit), ""); // its view goes with it
         korSemaphore* semaphore = nullptr;
-        _korSemaphore_Create(ex, 0, name.c_str(), &semaphore);
+        _korSemaphore_Create(ex, 0, (name + "-s").c_str(), &semaphore);
         _korSemaphore_Destroy(0, ex, semaphore);
         EXPECT_CLEAN();
     }
-    for (const char* kind : {"shm", "sem"}) {
-        EXPECT_FALSE(std::filesystem::exists("/dev/shm/kor." + (kind + ("." + name)))) << kind;
-    }
+    EXPECT_FALSE(std::filesystem::exists("/dev/shm/kor.shm." + name));
+    EXPECT_FALSE(std::filesystem::exists("/dev/shm/kor.sem." + name + "-s"));
 }
