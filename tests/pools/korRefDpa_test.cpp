@@ -5,43 +5,39 @@
 #include "korutil/korRefDpa.h"
 #include "support/failingHeap.h"
 
-using kor::test::KorTest;
-using kor::test::sweepFailures;
+using namespace kor::test;
 
 namespace {
 
-class KorRefDpa : public KorTest
+using KorRefDpa = KorTest;
+
+void release(korEx* ex, korRefDpa* counted)
 {
-protected:
-    void release(korRefDpa* counted)
-    {
-        if (counted->pool != nullptr) {
-            _korPool_Return(0, ex, counted->pool, counted);
-        } else {
-            _korDpa_Clear(0, ex, &counted->array);
-            _kor_free(0, ex, counted);
-        }
+    if (counted->pool != nullptr) {
+        _korPool_Return(0, ex, counted->pool, counted);
+    } else {
+        _korDpa_Clear(0, ex, &counted->array);
+        _kor_free(0, ex, counted);
     }
-};
+}
 
 TEST_F(KorRefDpa, ThePoolKeepsTheStorageForTheNextUse)
 {
     _korRefDpa_Open(ex, 0);
     _korRefDpa_Open(ex, 0);
-    korRefDpa* first = _korRefDpa_Create(ex, 0, 3);
-    ASSERT_NE(first, nullptr);
-    EXPECT_EQ(first->refCount, 1);
-    EXPECT_EQ(first->array.capacity, 16) << "the hint is for arrays without a pool";
-    for (uint64_t value = 0; value < 20; value++) {
-        _korDpa_AddSafe(ex, 0, &first->array, value);
+    const uint64_t* items = nullptr;
+    for (bool again : {false, true}) {
+        korRefDpa* counted = _korRefDpa_Create(ex, 0, 3);
+        EXPECT_EQ(counted->refCount, 1);
+        EXPECT_EQ(counted->array.count, 0);
+        EXPECT_EQ(counted->array.capacity, again ? 48 : 16) << "the hint is for arrays without a pool";
+        EXPECT_EQ(counted->array.items == items, again);
+        for (uint64_t value = 0; value < 20; value++) {
+            _korDpa_AddSafe(ex, 0, &counted->array, value);
+        }
+        items = counted->array.items;
+        release(ex, counted);
     }
-    const uint64_t* items = first->array.items;
-    release(first);
-    korRefDpa* second = _korRefDpa_Create(ex, 0, 3);
-    EXPECT_EQ(second, first);
-    EXPECT_EQ(second->array.count, 0);
-    EXPECT_EQ(second->array.items, items);
-    release(second);
     _korRefDpa_Close(0, ex);
     _korRefDpa_Close(0, ex);
 }
@@ -57,7 +53,8 @@ TEST_F(KorRefDpa, EveryRequestMayFail)
             EXPECT_EQ(counted != nullptr, ex->code == 0);
             if (counted != nullptr) {
                 EXPECT_EQ(counted->array.capacity, pooled ? 16 : 7);
-                release(counted);
+                EXPECT_EQ(counted->pool != nullptr, pooled);
+                release(ex, counted);
             }
             _korRefDpa_Close(0, ex);
         });

@@ -29,136 +29,88 @@ namespace {
 
 constexpr int32_t perBlock = 4;
 
-std::vector<void*> ended;
-
-void endChunk(korEx* ex, uint8_t depth, void* chunk)
-{
-    EXPECT_EQ(ex->code, 0);
-    ended.push_back(chunk);
-    KOR_RAISE(ex, depth, KOR_ERROR_EXCEPTION, "ended");
-}
+using Chunks = std::vector<void*>;
 
 class PoolMemoryTest : public kor::test::KorTest
 {
 protected:
-    using Blocks = std::vector<korPoolBlock*>;
-
-    PoolMemoryTest() { ended.clear(); }
-    ~PoolMemoryTest() override { _korPool_Destroy(KOR_AT_D(0, ex), pool_); }
+    ~PoolMemoryTest() override { _korPool_Destroy(0, ex, pool); }
 
     void create(int32_t minBlocks, int32_t refillTarget = perBlock)
     {
-        pool_ = _korPool_Create(KOR_AT(ex, 0), perBlock, 16, nullptr, nullptr, minBlocks, refillTarget);
-        ASSERT_CLEAN();
+        pool = _korPool_Create(ex, 0, perBlock, 16, nullptr, nullptr, minBlocks, refillTarget);
     }
-    std::vector<void*> get(int32_t count)
+    Chunks get(int32_t count)
     {
-        std::vector<void*> chunks;
+        Chunks chunks;
         while (count-- > 0) {
-            chunks.push_back(_korPool_Get(KOR_AT(ex, 0), pool_));
+            chunks.push_back(_korPool_Get(ex, 0, pool));
         }
         return chunks;
     }
     // The chunks go home to their blocks, with whatever else this thread has.
-    void giveHome(const std::vector<void*>& chunks)
+    void giveHome(const Chunks& chunks)
     {
         for (void* chunk : chunks) {
-            _korPool_Return(KOR_AT_D(0, ex), pool_, chunk);
+            _korPool_Return(0, ex, pool, chunk);
         }
-        _korThreadLocal_ForceDestructors(KOR_AT_D(0, ex));
+        _korThreadLocal_ForceDestructors(0, ex);
     }
-    // A pool without blocks to keep that has `count` blocks, wholly free.
-    void createFree(int32_t count)
+    // Runs a pass. Gives the marks of the blocks that are left.
+    std::string pass()
     {
-        create(0);
-        giveHome(get(count * perBlock));
-        ASSERT_EQ(blocks().size(), static_cast<size_t>(count));
-    }
-    void pass() { _korPool_ReturnMemory(KOR_AT(ex, 0), nullptr, 0, pool_); }
-    Blocks blocks()
-    {
-        Blocks all;
-        for (korPoolBlock* block = pool_->head; block != nullptr; block = block->next) {
-            all.push_back(block);
+        std::string marks;
+        _korPool_ReturnMemory(ex, 0, nullptr, 0, pool);
+        for (korPoolBlock* block = pool->head; block != nullptr; block = block->next) {
+            marks += block->idle ? 'x' : '-';
         }
-        EXPECT_EQ(all.size(), pool_->blockCount);
-        EXPECT_EQ(all.empty() ? nullptr : all.back(), pool_->tail);
-        return all;
-    }
-    std::string marks()
-    {
-        std::string text;
-        for (korPoolBlock* block : blocks()) {
-            text += block->idle ? 'x' : '-';
-        }
-        return text;
+        EXPECT_EQ(marks.size(), pool->blockCount);
+        return marks;
     }
 
-    korPool* pool_ = nullptr;
+    korPool* pool = nullptr;
 };
 
-TEST_F(PoolMemoryTest, ABlockGoesOnThePassAfterItsMark)
+TEST_F(PoolMemoryTest, AFreeBlockGoesOnThePassAfterItsMarkUnlessItIsKept)
 {
-    createFree(3);
-    Blocks before = blocks();
-    pass();
-    EXPECT_EQ(marks(), "-xx") << "the first one is spared";
-    EXPECT_EQ(blocks(), before);
-    pass();
-    EXPECT_EQ(blocks(), Blocks{before[0]});
-    EXPECT_EQ(pool_->freeChunks, perBlock);
-    pass();
-    pass();
-    EXPECT_EQ(marks(), "-") << "a lone block is spared in every pass";
-    std::vector<void*> chunks = get(2 * perBlock);
-    EXPECT_EQ(pool_->freeChunks, 0);
-    giveHome(chunks);
-    EXPECT_EQ(pool_->freeChunks, 2 * perBlock);
+    struct {
+        int32_t minBlocks, refill, got;
+        std::vector<std::string> passes;
+    } cases[] = {{0, 4, 4, {"-", "-", "-"}},
+                 {0, 4, 12, {"-xx", "-", "-"}},
+                 {2, 4, 12, {"-xx", "-x", "-x"}},
+                 {0, 2, 6, {"-x", "-"}}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.got << " chunks, " << c.minBlocks << " blocks kept");
+        create(c.minBlocks, c.refill);
+        giveHome(get(c.got)); // with a refill of 2 a block is carved in part
+        korPoolBlock* spared = pool->head;
+        for (const std::string& marks : c.passes) {
+            EXPECT_EQ(pass(), marks);
+            EXPECT_EQ(pool->head, spared);
+            EXPECT_EQ(pool->freeChunks, static_cast<int32_t>(marks.size()) * perBlock);
+        }
+        giveHome(get(4 * perBlock)); // what is left serves
+        EXPECT_EQ(pool->freeChunks, 4 * perBlock);
+        _korPool_Destroy(0, ex, std::exchange(pool, nullptr));
+    }
 }
 
-TEST_F(PoolMemoryTest, ABlockInUseIsPassedOver)
+TEST_F(PoolMemoryTest, ABlockInUseStaysAndSoDoesItsMark)
 {
     create(0);
-    std::vector<void*> chunks = get(3 * perBlock);
-    void* kept = chunks.back();
-    chunks.pop_back();
-    giveHome(chunks);
-    korPoolBlock* used = *backPointer(pool_, kept);
-    for (int i = 0; i < 3; i++) {
-        pass();
-        EXPECT_EQ(used->idle, 0);
-    }
-    EXPECT_EQ(blocks().size(), 2u) << "the one in use and the one that is spared";
-    giveHome({kept});
-}
-
-// Blocks that are carved in part count as free when all that was carved is back; what was not carved meets no end. An
-// end finds no error, neither the caller's nor that of another chunk.
-TEST_F(PoolMemoryTest, OnlyCarvedChunksMeetTheirEnd)
-{
-    create(0, 2);
-    giveHome(get(perBlock + 2));
-    pool_->destroyChunk = endChunk;
-    Blocks before = blocks();
-    ASSERT_EQ(before.size(), 2u);
-    korPoolBlock* whole = before[0]->carved == perBlock ? before[0] : before[1];
-    korPoolBlock* partly = whole == before[0] ? before[1] : before[0];
-    ASSERT_EQ(partly->carved, 2u);
-    uint8_t* first = partly->memory;
-
-    partly->idle = 1;
-    EXPECT_EQ(pool_->freeChunks, 2 * perBlock);
+    giveHome(get(2 * perBlock));
+    EXPECT_EQ(pass(), "-x");
+    korPoolBlock* marked = pool->tail;
+    Chunks chunks = get(2 * perBlock);
+    giveHome(Chunks(chunks.begin() + 1, chunks.end() - 1)); // one of each block is kept
     pass();
-    EXPECT_RAISED(KOR_ERROR_EXCEPTION, "ended");
-    EXPECT_EQ(blocks(), Blocks{whole});
-    EXPECT_EQ(pool_->freeChunks, perBlock);
-    EXPECT_EQ(ended, (std::vector<void*>{first, first + pool_->stride}));
-
-    KOR_RAISE(ex, 0, KOR_ERROR_TIMEOUT, "before");
-    _korPool_Destroy(KOR_AT_D(0, ex), pool_);
-    pool_ = nullptr;
-    EXPECT_RAISED(KOR_ERROR_TIMEOUT, "before");
-    EXPECT_EQ(ended.size(), 2u + perBlock);
+    EXPECT_EQ(pass().size(), 2u);
+    EXPECT_EQ(pool->head->idle + pool->tail->idle, 1);
+    EXPECT_EQ(marked->idle, 1);
+    giveHome({chunks.front(), chunks.back()});
+    EXPECT_EQ(pass(), "-");
+    EXPECT_NE(pool->head, marked);
 }
 
 } // namespace
