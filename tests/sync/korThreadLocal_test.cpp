@@ -222,11 +222,18 @@ TEST_F(KorThreadLocal, DISABLED_ChildOfAHostThatEndsItsThreads)
     set(key, 6); // stays at the unloading: nobody is left to hear of it
 }
 
-// Nobody joins the threads: they are in the middle of the library when the process ends.
+// Nobody joins the threads: they are in the middle of the library when the process ends. One is enough on Windows: two
+// also meet at the heap's lock, and under Wine a thread that is ended while it wakes the other there leaves a spin lock
+// behind, on which the C runtime's own clearing up waits for ever.
 TEST_F(KorThreadLocal, DISABLED_ChildThatEndsWhileItsThreadsRun)
 {
+#ifdef _WIN32
+    constexpr int workers = 1;
+#else
+    constexpr int workers = 2;
+#endif
     std::atomic<int> running = 0;
-    for (int worker = 0; worker < 2; worker++) {
+    for (int worker = 0; worker < workers; worker++) {
         std::thread([&running] {
             for (uint64_t value = 1;; value++) {
                 usesTheStore<nothing>(value);
@@ -234,7 +241,7 @@ TEST_F(KorThreadLocal, DISABLED_ChildThatEndsWhileItsThreadsRun)
             }
         }).detach();
     }
-    while (running < 2) {
+    while (running < workers) {
         std::this_thread::yield();
     }
     std::exit(17);
