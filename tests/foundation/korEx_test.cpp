@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <map>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -120,29 +119,15 @@ TEST_F(KorExTest, ChainOfThreeCarriesTheJoiningFrames)
 
 TEST_F(KorExTest, WordsOfTheCodes)
 {
-    const std::map<int32_t, const char*> words = {{-1, "Null value exception"},
-                                                  {0, "OK"},
-                                                  {1, "Invalid Argument"},
-                                                  {2, "No memory"},
-                                                  {4, "Timeout"},
-                                                  {5, "Not initialized"},
-                                                  {6, "Operating system error"},
-                                                  {7, "Interrupted"},
-                                                  {8, "Not permitted"},
-                                                  {9, "Not found"},
-                                                  {10, "Illegal state"},
-                                                  {11, "Operation not supported"},
-                                                  {12, "End of buffer"},
-                                                  {13, "Incompatible library"},
-                                                  {14, "Already exists"},
-                                                  {15, "File I/O error"},
-                                                  {16, "Invalid value"},
-                                                  {22, "Resource limit reached"},
-                                                  {100, "Exception"}};
-    for (int32_t code = -2; code < 110; code++) {
-        ex->code = code;
-        EXPECT_STREQ(korEx_GetSummaryString(ex), words.contains(code) ? words.at(code) : "Unknown") << code;
+    std::string words;
+    for (ex->code = -2; ex->code < 110; ex->code++) {
+        std::string word = korEx_GetSummaryString(ex);
+        words += word == "Unknown" ? "" : std::to_string(ex->code) + " " + word + ", ";
     }
+    EXPECT_EQ(words, "-1 Null value exception, 0 OK, 1 Invalid Argument, 2 No memory, 4 Timeout, 5 Not initialized, "
+                     "6 Operating system error, 7 Interrupted, 8 Not permitted, 9 Not found, 10 Illegal state, "
+                     "11 Operation not supported, 12 End of buffer, 13 Incompatible library, 14 Already exists, "
+                     "15 File I/O error, 16 Invalid value, 22 Resource limit reached, 100 Exception, ");
     ex->code = 0;
     EXPECT_STREQ(_korEx_GetSummaryString(nullptr), "Exception is NULL.\n");
     EXPECT_EQ(korEx_GetErrorCode(nullptr), -1);
@@ -153,36 +138,33 @@ const char* wordOfThree(int32_t code)
     return code == 3 || code == 2 ? "Three" : nullptr;
 }
 
-const char* wordOfOdds(int32_t code)
+const char* wordOfAll(int32_t)
 {
-    return code % 2 != 0 ? "Odd" : nullptr;
+    return "Any";
 }
 
 TEST_F(KorExTest, CallbacksGiveWordsInOrderOfRegistration)
 {
-    auto words = [this] {
-        std::string all;
-        for (int32_t code : {2, 3, 19, 20}) { // the table goes first
-            ex->code = code;
-            all += std::string(korEx_GetSummaryString(ex)) + ", ";
-        }
+    auto word = [this](int32_t code) {
+        ex->code = code;
+        const char* text = korEx_GetSummaryString(ex);
         ex->code = 0;
-        return all;
+        return text;
     };
-    _korEx_AddErrorStringCallback(ex, 0, wordOfOdds); // no list yet: nothing happens
-    _korEx_Open(ex, 0);
-    _korEx_AddErrorStringCallback(ex, 0, wordOfThree);
-    _korEx_AddErrorStringCallback(ex, 0, wordOfOdds);
-    EXPECT_EQ(words(), "No memory, Three, Odd, Unknown, ");
-    _korEx_Close(ex, 0);
-    EXPECT_EQ(words(), "No memory, Unknown, Unknown, Unknown, ");
-    kor::test::sweepFailures(ex, [this] {
+    kor::test::sweepFailures(ex, [&] {
+        _korEx_AddErrorStringCallback(ex, 0, wordOfAll); // no list yet: nothing happens
         _korEx_Open(ex, 0);
-        for (int count = 0; count < 5; count++) {
-            _korEx_AddErrorStringCallback(ex, 0, wordOfOdds);
+        for (auto* callback : {wordOfThree, wordOfAll, wordOfAll, wordOfAll, wordOfAll}) {
+            _korEx_AddErrorStringCallback(ex, 0, callback);
+        }
+        if (ex->code == 0) {
+            EXPECT_STREQ(word(2), "No memory"); // the table goes first
+            EXPECT_STREQ(word(3), "Three");
+            EXPECT_STREQ(word(19), "Any");
         }
         _korEx_Close(ex, 0);
     });
+    EXPECT_STREQ(word(3), "Unknown");
 }
 
 TEST_F(KorExTest, TextOfAnException)
@@ -224,9 +206,8 @@ TEST_F(KorExTest, OneLineForm)
     char words[256];
     _korEx_OsErrorString(words, sizeof words, 5);
     KOR_RAISE(ex, 0, KOR_ERROR_OS, nullptr);
-    std::string ofSystem = std::string(" (OS Error Code = 5: ") + words + ")";
-    EXPECT_EQ(_korEx_PrintErrInfo(ex, line, sizeof line), static_cast<int32_t>(ofSystem.size()));
-    EXPECT_EQ(line, ofSystem);
+    _korEx_PrintErrInfo(ex, line, sizeof line);
+    EXPECT_EQ(line, std::string(" (OS Error Code = 5: ") + words + ")");
     ex->osError = 0;
     korEx_Clear(ex);
     KOR_RAISE(ex, 0, 9, "No such thing");
@@ -247,7 +228,6 @@ TEST_F(KorExTest, CloneHoldsWhatBelongsToTheObject)
     KOR_RAISE_F(first, 2, 9, "copied %d", 1);
     korEx* clone = _korEx_Clone(first);
     EXPECT_EQ(describe(clone), describe(first));
-    EXPECT_EQ(clone->description, clone->descriptionBuffer);
     EXPECT_EQ(clone->frames[0].function, nullptr);
     _korEx_Destroy(clone);
     _korEx_Destroy(first);
@@ -256,8 +236,7 @@ TEST_F(KorExTest, CloneHoldsWhatBelongsToTheObject)
 TEST_F(KorExTest, KeysGiveTheTrace)
 {
     korKeyFrame key[2 * KOR_MAX_FRAMES];
-    uint32_t size = 0;
-    uint32_t hash = 0;
+    uint32_t size, hash;
     korEx_at(ex, 0, "outer", 1);
     korEx_at(ex, 1, "inner", 2);
     _korEx_ToKey(ex, 2, key, &size, &hash);

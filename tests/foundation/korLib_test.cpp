@@ -43,11 +43,7 @@ const char* wordFor3(int32_t code)
 class KorLib : public KorTest
 {
 protected:
-    void SetUp() override
-    {
-        opens = closes = 0;
-        isOpen = false;
-    }
+    KorLib() { opens = closes = 0; }
 
     // Words of callbacks are there while the subsystems are up.
     std::string wordOf3()
@@ -135,14 +131,11 @@ TEST_F(KorLib, NobodyFindsALibraryHalfOpen)
 
 TEST_F(KorLib, VersionsCompareNumberByNumber)
 {
-    struct {
-        uint8_t needed[3];
-        bool matches;
-    } const cases[] = {{{6, 5, 0}, true},  {{6, 4, 9}, true},  {{5, 9, 9}, true},
-                       {{6, 5, 1}, false}, {{7, 0, 0}, false}, {{6, 6, 0}, false}};
-    for (const auto& [needed, matches] : cases) {
-        EXPECT_EQ(_korutil_version_matches(6, 5, 0, needed[0], needed[1], needed[2]), matches)
-            << int{needed[0]} << '.' << int{needed[1]} << '.' << int{needed[2]};
+    for (auto [major, minor, release] : {std::tuple{6, 5, 0}, {6, 4, 9}, {5, 9, 9}}) {
+        EXPECT_TRUE(_korutil_version_matches(6, 5, 0, uint8_t(major), uint8_t(minor), uint8_t(release)));
+    }
+    for (auto [major, minor, release] : {std::tuple{6, 5, 1}, {6, 6, 0}, {7, 0, 0}}) {
+        EXPECT_FALSE(_korutil_version_matches(6, 5, 0, uint8_t(major), uint8_t(minor), uint8_t(release)));
     }
 }
 

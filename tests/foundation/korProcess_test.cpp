@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <thread>
 #include <vector>
 
 #ifndef _WIN32
@@ -20,15 +19,14 @@ TEST(korProcess, VariablesComeAndGo)
 {
     const char* name = "KOR_TEST_VARIABLE";
     kor::test::EnvironmentGuard guard(name, nullptr);
+    EXPECT_EQ(_kor_setenv(name, "one"), 0);
+    EXPECT_EQ(_kor_setenv(name, "two=2"), 0);
+    EXPECT_STREQ(_kor_getenv(name), "two=2");
+    EXPECT_EQ(_kor_unsetenv(name), 0);
     EXPECT_EQ(_kor_unsetenv(name), 0) << "not there is no error";
-    EXPECT_EQ(_kor_setenv(name, "one=1"), 0);
-    EXPECT_EQ(_kor_setenv(name, "two"), 0);
-    EXPECT_STREQ(_kor_getenv(name), "two");
+    EXPECT_EQ(_kor_setenv(name, "three"), 0);
     EXPECT_EQ(_kor_setenv(name, ""), 0);
     EXPECT_EQ(_kor_getenv(name), nullptr) << "an empty value removes";
-    EXPECT_EQ(_kor_setenv(name, "three"), 0);
-    EXPECT_EQ(_kor_unsetenv(name), 0);
-    EXPECT_EQ(_kor_getenv(name), nullptr);
     for (const char* refused : {static_cast<const char*>(nullptr), "", "A=B"}) {
         EXPECT_EQ(_kor_setenv(refused, "x"), EINVAL);
         EXPECT_EQ(_kor_unsetenv(refused), EINVAL);

@@ -83,8 +83,6 @@ std::string converted(int64_t seconds, int64_t nanoseconds)
 TEST(korTime, DatesAtTheEndsOfTheRange)
 {
     EXPECT_EQ(converted(-1, 999'999'999), "1969-12-31 23:59:59.999999999Z");
-    EXPECT_EQ(converted(253402300800, 0), "10000-01-01 00:00:00.000000000Z");
-    EXPECT_EQ(converted(-62135596800, 0), "0001-01-01 00:00:00.000000000Z");
     EXPECT_EQ(converted(-62135596801, 0), "-001-12-31 23:59:59.000000000Z") << "there is no year 0";
     EXPECT_EQ(converted(INT64_MAX, 0), "292277026596-12-04 15:30:07.000000000Z");
     EXPECT_EQ(converted(INT64_MIN, 0), "-292277022658-01-27 08:29:52.000000000Z");
