@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <numeric>
 #include <set>
 #include <vector>
 
@@ -103,10 +102,10 @@ TEST_F(KorRandTest, UuidTextIsReadWhateverTheDashes)
 
 TEST_F(KorRandTest, TheIntervalHasBothEnds)
 {
-    useConstant(0);
-    EXPECT_EQ(_korRand_Get01Interval(KOR_AT(ex, 0)), 0.0);
-    useConstant(0xff);
-    EXPECT_EQ(_korRand_Get01Interval(KOR_AT(ex, 0)), 1.0);
+    for (auto [byte, value] : {std::pair{0, 0.0}, {0xff, 1.0}}) {
+        useConstant(static_cast<uint8_t>(byte));
+        EXPECT_EQ(_korRand_Get01Interval(KOR_AT(ex, 0)), value);
+    }
     useConstant(0, 0);
     EXPECT_EQ(_korRand_Get01Interval(KOR_AT(ex, 0)), -1.0);
     EXPECT_RAISED(6, "dry");
@@ -114,12 +113,11 @@ TEST_F(KorRandTest, TheIntervalHasBothEnds)
 
 TEST_F(KorRandTest, AShuffleKeepsEveryValueEvenIfTheSourceRunsDry)
 {
-    std::vector<uint64_t> values(5);
-    std::iota(values.begin(), values.end(), 1);
+    std::vector<uint64_t> values = {1, 2, 3, 4, 5};
     useConstant(0);
     _korRand_ShuffleList(KOR_AT(ex, 0), values.data(), 5);
     EXPECT_EQ(values, (std::vector<uint64_t>{2, 3, 4, 5, 1}));
-    std::iota(values.begin(), values.end(), 1);
+    values = {1, 2, 3, 4, 5};
     useConstant(1, 2); // 0x01010101 modulo 5 is 4, modulo 4 is 1, and then 0
     _korRand_ShuffleList(KOR_AT(ex, 0), values.data(), 5);
     EXPECT_RAISED(6, "dry");
