@@ -1,5 +1,4 @@
-// korAlloc_test.cpp - the plain path of the allocation family: decision, retry, failure, clean-up with an error
-// pending.
+// korAlloc_test.cpp - the plain path of the allocation family: what it gives, failure, clean-up with an error pending.
 
 #include "support/failingHeap.h"
 #include "support/korTest.h"
