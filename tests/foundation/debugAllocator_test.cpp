@@ -211,6 +211,7 @@ TEST(DebugAllocator, SaysWhatItWasTold)
                           "Set KOR_MEM_DEBUG_CONF to \"help\" for help on configuration.\n"))
         << told.output;
     EXPECT_TRUE(told.says("Excessive size of 5000 allocated at:\n")) << told.output;
+    EXPECT_TRUE(run("BehavesWell", "timing=x").says("Settings for KOR_MEM_DEBUG_CONF:\n")) << "not understood";
 }
 
 } // namespace
