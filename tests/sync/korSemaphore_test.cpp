@@ -57,6 +57,8 @@ TEST_F(KorSemaphore, StartsAtZeroAndStopsAtOne)
     EXPECT_CLEAN();                          // to run out was no error
     _korSemaphore_WaitOn(ex, 0, nullptr);
     EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, "semaphore is missing");
+    _korSemaphore_Create(ex, 0, nullptr, &one.semaphore);
+    EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, "semaphore name is missing");
 }
 
 TEST_F(KorSemaphore, EachReleaseLetsOneWaiterThrough)

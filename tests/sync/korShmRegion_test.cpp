@@ -97,6 +97,8 @@ TEST_F(KorShmRegion, IsMadeWholeOrNotAtAll)
     expectRefused(Region(ex, std::string(1000, 'n')).region);
     EXPECT_EQ(_korShmRegion_Map(ex, 0, nullptr, unit, 0), nullptr);
     EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, "region is missing");
+    _korShmRegion_Create(ex, 0, nullptr, nullptr, unit, nullptr);
+    EXPECT_RAISED(KOR_ERROR_INVALID_ARGUMENT, "region name is missing");
 }
 
 // ---- Coming and going -----------------------------------------------------------------------------------------------
