@@ -155,27 +155,38 @@ void findReceivers(korEx* ex, uint8_t depth, Exchange* exchange, mqtt::Bytes top
     }
 }
 
-korBuffer* retainedAt(korEx* ex, uint8_t depth, Exchange* exchange, const char* topic)
+// What is retained at a topic beside `packet`, which may be NULL.
+korBuffer* formerAt(korEx* ex, uint8_t depth, Exchange* exchange, const char* topic, const korBuffer* packet)
 {
     const korDpa* found = _korTopicList_GetLiteral(KOR_AT(ex, depth), exchange->retained, topic);
-    return found != nullptr ? reinterpret_cast<korBuffer*>(found->items[0]) : nullptr;
+    for (int32_t i = 0; found != nullptr && i < found->count; i++) {
+        auto* former = reinterpret_cast<korBuffer*>(found->items[i]);
+        if (former != packet) {
+            return former;
+        }
+    }
+    return nullptr;
 }
 
-// Puts the message in the place of the one that the topic had; one without a payload only ends it.
+// Puts the message in the place of the one that the topic had; one without a payload only ends it. Without memory a
+// removal can fail: the former message then stays until the next one comes.
 void retain(korEx* ex, uint8_t depth, Exchange* exchange, Message* message)
 {
     const char* topic = terminated(exchange, message->publish.topic);
-    korBuffer* former = retainedAt(KOR_AT(ex, depth), exchange, topic);
+    korBuffer* packet = nullptr;
     if (message->publish.payload.length > 0) {
-        korBuffer* packet = packetOf(KOR_AT(ex, depth), exchange, message, message->publish.qos);
+        packet = packetOf(KOR_AT(ex, depth), exchange, message, message->publish.qos);
         _korTopicList_Insert(KOR_AT(ex, depth), exchange->retained, topic, reinterpret_cast<uint64_t>(packet));
         if (ex->code != 0) {
             return;
         }
         KOR_ATOMIC_ADD(&packet->refCount, 1);
     }
-    if (former != nullptr) {
-        _korTopicList_Remove(KOR_AT_D(depth, ex), exchange->retained, topic, reinterpret_cast<uint64_t>(former));
+    while (korBuffer* former = formerAt(KOR_AT(ex, depth), exchange, topic, packet)) {
+        auto value = reinterpret_cast<uint64_t>(former);
+        if (_korTopicList_Remove(KOR_AT_D(depth, ex), exchange->retained, topic, value) == 0) {
+            return;
+        }
         _korBuffer_ReleaseToCache(KOR_AT_D(depth, ex), former, nullptr);
     }
 }

@@ -265,6 +265,7 @@ void handlePacket(korEx* ex, uint8_t depth, Connection* connection, uint8_t* pac
     }
 }
 
+// A connection that was taken over leaves the id and its logger to the new one.
 void endSession(uint8_t depth, korEx* ex, Connection* connection)
 {
     unsubscribeAll(KOR_AT_D(depth, ex), connection);
@@ -275,9 +276,7 @@ void endSession(uint8_t depth, korEx* ex, Connection* connection)
     korStrHash* clients = connection->exchange->clients;
     if (_korStrHash_Get(KOR_AT(&own, depth), clients, connection->clientId) == reinterpret_cast<uint64_t>(connection)) {
         _korStrHash_Remove(KOR_AT_D(depth, ex), clients, connection->clientId);
-    }
-    if (connection->logKey != 0) {
-        _korLogger_DestroyLoggerByKey(KOR_AT_D(depth, ex), connection->logKey);
+        _korLogger_DestroyLoggerByKey(KOR_AT_D(depth, ex), connection->logKey); // 0 is no key
     }
     _kor_free(KOR_AT_D(depth, ex), connection->clientId);
 }

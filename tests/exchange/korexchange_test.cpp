@@ -627,6 +627,21 @@ TEST_F(ExchangeTest, CommandLine)
     }
 }
 
+TEST_F(ExchangeTest, AClientIsTracedAloneAlsoWhenItComesAgain)
+{
+    start({"--trace", "odd"});
+    Client odd = connect("odd");
+    Client plain = connect("plain");
+    publish(plain, "of/plain", "x");
+    publish(odd, "of/odd", "x");
+    Client again = connect("odd");
+    EXPECT_EQ(odd.next(), closedByServer); // with which the former connection is over
+    publish(again, "of/again", "x");
+    EXPECT_TRUE(server->waitFor("publishes 1 bytes to of/odd")) << server->output();
+    EXPECT_TRUE(server->waitFor("publishes 1 bytes to of/again")) << server->output();
+    EXPECT_EQ(server->output().find("of/plain"), std::string::npos) << server->output();
+}
+
 TEST_F(ExchangeTest, StatisticsAreReported)
 {
     start({"--stats", "1"});
