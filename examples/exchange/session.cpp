@@ -15,6 +15,22 @@ namespace {
 constexpr int32_t madeUpIdSize = 24;
 constexpr int64_t answersLimit = 1024 * 1024; // bytes of answers that a client may leave unread
 
+/// A text of a client's as statements show it: cut, and without bytes that could upset a terminal.
+struct Shown {
+    char text[256];
+};
+
+Shown shown(mqtt::Bytes bytes)
+{
+    Shown shown;
+    _kor_snprintf(shown.text, sizeof(shown.text), "%.*s", static_cast<int>(bytes.length),
+                  reinterpret_cast<const char*>(bytes.data));
+    for (char* at = shown.text; *at != 0; at++) {
+        *at = static_cast<unsigned char>(*at) < ' ' || *at == 0x7f ? '?' : *at;
+    }
+    return shown;
+}
+
 // ---- CONNECT --------------------------------------------------------------------------------------------------------
 
 // The client's id as a text of the heap; for an empty one a text that nobody else has.
@@ -32,17 +48,6 @@ char* makeClientId(korEx* ex, uint8_t depth, mqtt::Bytes asked)
         id[asked.length] = 0;
     }
     return id;
-}
-
-// How statements call the client: bytes that could upset a terminal are left out.
-void nameConnection(Connection* connection)
-{
-    _kor_snprintf(connection->name, sizeof(connection->name), "client %s", connection->clientId);
-    for (char* at = connection->name; *at != 0; at++) {
-        if (static_cast<unsigned char>(*at) < ' ' || *at == 0x7f) {
-            *at = '?';
-        }
-    }
 }
 
 // Gives a client that is to be watched alone a logger of its own, which shows everything.
@@ -109,7 +114,8 @@ void handleConnect(korEx* ex, uint8_t depth, Connection* connection, uint8_t* pa
     if (ex->code != 0) {
         return;
     }
-    nameConnection(connection);
+    _kor_snprintf(connection->name, sizeof(connection->name), "client %s",
+                  shown(mqtt::bytesOf(connection->clientId)).text);
     startTrace(KOR_AT(ex, depth), connection);
     takeOver(KOR_AT(ex, depth), connection);
     if (connect.hasWill) {
@@ -130,9 +136,8 @@ void handlePublish(korEx* ex, uint8_t depth, Connection* connection, uint8_t* pa
     if (ex->code != 0) {
         return;
     }
-    CLIENT_LOG(connection, KOR_LOG_DEBUG, "publishes %u bytes to %.*s, QoS %u%s", publish.payload.length,
-               static_cast<int>(publish.topic.length), reinterpret_cast<const char*>(publish.topic.data), publish.qos,
-               publish.retain ? ", retained" : "");
+    CLIENT_LOG(connection, KOR_LOG_DEBUG, "publishes %u bytes to %s, QoS %u%s", publish.payload.length,
+               shown(publish.topic).text, publish.qos, publish.retain ? ", retained" : "");
     route(KOR_AT(ex, depth), connection->exchange, publish);
     if (publish.qos > 0) {
         korBuffer* answers = answersOf(KOR_AT(ex, depth), &connection->outbox);
@@ -166,8 +171,7 @@ void handleSubscribe(korEx* ex, uint8_t depth, Connection* connection, uint8_t* 
     uint8_t qos = 0;
     while (mqtt::nextFilter(KOR_AT(ex, depth), &list, &filter, &qos)) {
         uint8_t answer = subscribe(KOR_AT(ex, depth), connection, filter, qos);
-        CLIENT_LOG(connection, KOR_LOG_DEBUG, "subscribes to %.*s, QoS %u", static_cast<int>(filter.length),
-                   reinterpret_cast<const char*>(filter.data), qos);
+        CLIENT_LOG(connection, KOR_LOG_DEBUG, "subscribes to %s, QoS %u", shown(filter).text, qos);
         *granted->position++ = answer; // one byte for each filter, which takes more than that in the packet
         if (answer != mqtt::subscriptionFailed) {
             deliverRetained(KOR_AT(ex, depth), connection, filter, answer);
