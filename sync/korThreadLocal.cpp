@@ -17,6 +17,7 @@
 #include "sync/threadStore.h"
 
 #include <atomic>
+#include <cstring>
 
 int32_t __tlsInfo = KOR_THREAD_LOCAL_NONE;
 
@@ -331,15 +332,19 @@ void _registerValue(korEx* ex, uint8_t depth, int32_t key, uint64_t value)
 
 enum class Which { stale, all };
 
+// In their order, from the oldest on: the list is run from its end.
 void collectDead(korEx* ex, uint8_t depth, korDpa* dead, korDpa* list)
 {
-    while (dead->count > 0) {
-        _korDpa_AddSafe(KOR_AT(ex, depth), list, dead->items[dead->count - 1]);
+    int32_t moved = 0;
+    while (moved < dead->count) {
+        _korDpa_AddSafe(KOR_AT(ex, depth), list, dead->items[moved]);
         if (ex->code != 0) {
-            return;
+            break;
         }
-        dead->count--;
+        moved++;
     }
+    dead->count -= moved;
+    memmove(dead->items, dead->items + moved, static_cast<size_t>(dead->count) * sizeof(uint64_t));
 }
 
 void collectValues(korEx* ex, uint8_t depth, korThreadLocalState* state, uint64_t* slots, Which which, korDpa* list)
@@ -607,6 +612,7 @@ uint64_t _korThreadLocal_GetRawDebug(int32_t key)
 
 int32_t _korThreadLocal_Create(korEx* ex, uint8_t depth, korThreadLocalDestructor destructor)
 {
+    _korThread_InitThreads(KOR_AT(ex, depth)); // all of it: keys can be had before the registry stands
     int32_t key = _korThreadLocal_CreateRaw(KOR_AT(ex, depth));
     _registerDestructor(KOR_AT(ex, depth), key, destructor);
     if (ex->code != 0) {

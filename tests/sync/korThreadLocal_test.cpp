@@ -104,12 +104,17 @@ TEST_F(KorThreadLocal, AReusedKeyShowsNothingAndLosesNothing)
     }).join();
     EXPECT_EQ(_korThreadLocal_Get(key), 0u); // the key has a new owner
     set(key, 22);
-    EXPECT_EQ(ended, Values{21}); // the old value waits
+    std::jthread([&] {
+        destroy(key);
+        EXPECT_EQ(create(), key);
+    }).join();
+    set(key, 23);
+    EXPECT_EQ(ended, Values{21}); // the old values wait
     _korThreadLocal_RunDestructors(0, ex);
-    EXPECT_EQ(ended, (Values{21, 20}));
-    EXPECT_EQ(_korThreadLocal_Get(key), 22u);
+    EXPECT_EQ(ended, (Values{21, 22, 20})); // the youngest first
+    EXPECT_EQ(_korThreadLocal_Get(key), 23u);
     destroy(key);
-    EXPECT_EQ(ended, (Values{21, 20, 22}));
+    EXPECT_EQ(ended, (Values{21, 22, 20, 23}));
 }
 
 TEST_F(KorThreadLocal, TheLastValueOfAThreadEndsAndThenWhatItsDestructorSets)
