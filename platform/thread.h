@@ -20,6 +20,9 @@ void threadJoin(void** handle);
 /// Gives the handle up. The thread may be running, and goes on.
 void threadClose(void** handle);
 
+/// True if the caller is this thread. `handle` and `id` are from threadStart; the handle has not been given up.
+bool threadIsCurrent(void** handle, uint32_t id);
+
 uint32_t threadId();               ///< the system's number of the calling thread
 void threadName(const char* name); ///< tells the system's debugger the calling thread's name, as far as it cares
 

@@ -324,7 +324,7 @@ void _korThread_Detach(korEx*, uint8_t, korThread*) {}
 
 bool _korThread_IsCurrentThread(const korThread* thread)
 {
-    return thread != nullptr && thread->threadId == platform::threadId();
+    return thread != nullptr && platform::threadIsCurrent(const_cast<void**>(&thread->handle), thread->threadId);
 }
 
 void _korThread_SetCurrentName(korEx* ex, uint8_t depth, const char* name)

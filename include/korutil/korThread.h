@@ -70,19 +70,20 @@ KOR_API void _korThread_SetGlobalHook(korThreadHook hook);
 
 /// Starts a thread on `function(argument)`. `type` is a number for _korThread_Type; `name` is copied. The environment
 /// variable KOR_THREAD_STACK_SIZE, in bytes, gives the size of its stack; unset, not a number or not above 0, it is the
-/// system's default. NULL with an error pending, and on a failure: code 2 (no description) without memory, code 5 (no
-/// description) if the system starts no thread. Ended with _korThread_Destroy.
+/// system's default. NULL with an error pending, and on a failure, without a description: code 1 for no function or no
+/// name, 2 without memory, 5 if the system starts no thread. Ended with _korThread_Destroy.
 KOR_API korThread* _korThread_Create(korEx* ex, uint8_t depth, korThreadFunction function, void* argument, int32_t type,
                                      const char* name);
 
-/// The same in a caller's storage, the thread's object: `size` bytes, at least those of a korThread, else code 1 (no
-/// description); they are zeroed first. Such an object may be joined. It must not be destroyed, and the few bytes that
-/// it refers to stay in use.
+/// The same in a caller's storage, the thread's object: `size` bytes, at least those of a korThread, else code 1, as
+/// for no storage at all; they are zeroed first. Such an object may be joined. It must not be destroyed, and the few
+/// bytes that it refers to stay in use.
 KOR_API void _korThread_CreateInBuffer(korEx* ex, uint8_t depth, korThread* buffer, int32_t type, uint32_t size,
                                        korThreadFunction function, void* argument, const char* name);
 
 /// Waits until the thread has ended, its thread-local destructors included, and gives what its main routine gave. The
-/// object stays valid, and may be joined again, from any thread. With an error pending it gives 0 at once.
+/// object stays valid, and may be joined again, from any thread. With an error pending it gives 0 at once. Error: 1, no
+/// description, for NULL and for the thread itself, which would wait for ever.
 KOR_API uint64_t _korThread_Join(korEx* ex, uint8_t depth, korThread* thread);
 
 /// Gives up the object of _korThread_Create; the thread may still be running and goes on. No other thread may be using

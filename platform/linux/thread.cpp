@@ -21,6 +21,8 @@ constexpr uintptr_t joining = 1; // a thread is in pthread_join
 constexpr uintptr_t joined = 2;  // the thread and its handle are gone
 constexpr uintptr_t stateBits = 3;
 
+constexpr char removedMark[] = " (deleted)"; // what the system adds to the name of a program that was replaced
+
 constexpr size_t smallestStack = 65536; // room for a few exception objects and for what the C library keeps there
 
 struct StartOrder {
@@ -110,6 +112,13 @@ void threadClose(void** handle)
     }
 }
 
+// The number alone would not do: that of a thread that has ended comes again, and its handle too once it is joined.
+bool threadIsCurrent(void** handle, uint32_t id)
+{
+    uintptr_t now = loadHandle(handle);
+    return (now & joined) == 0 && pthread_equal(now & ~stateBits, pthread_self()) != 0 && id == threadId();
+}
+
 uint32_t threadId()
 {
     return static_cast<uint32_t>(syscall(SYS_gettid));
@@ -130,6 +139,10 @@ bool programName(char* buffer, uint32_t size)
         return false;
     }
     path[length] = '\0';
+    char* mark = path + length - (sizeof removedMark - 1);
+    if (mark > path && strcmp(mark, removedMark) == 0 && access(path, F_OK) != 0) {
+        *mark = '\0';
+    }
     const char* slash = strrchr(path, '/');
     strncpy(buffer, slash != nullptr ? slash + 1 : path, size - 1);
     buffer[size - 1] = '\0';

@@ -42,6 +42,11 @@ void threadClose(void** handle)
     CloseHandle(*handle);
 }
 
+bool threadIsCurrent(void**, uint32_t id)
+{
+    return id == threadId(); // a number does not come again while a handle stands for it
+}
+
 uint32_t threadId()
 {
     return GetCurrentThreadId();
