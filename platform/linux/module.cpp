@@ -14,6 +14,9 @@ void* loadModule(const char* name)
 
 void* findModule(const char* name)
 {
+    if (name != nullptr && *name == '\0') {
+        return nullptr; // which the dynamic linker would take for the program itself
+    }
     return dlopen(name, RTLD_NOW | RTLD_NOLOAD);
 }
 

@@ -2,6 +2,8 @@
 
 #include "platform/module.h"
 
+#include <cstdio>
+#include <cstring>
 #include <windows.h>
 
 namespace kor::platform {
@@ -29,8 +31,14 @@ void* moduleSymbol(void* module, const char* name)
 
 uint32_t moduleErrorText(char* buffer, uint32_t size)
 {
-    return FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, GetLastError(), 0,
-                          buffer, size, nullptr);
+    char text[512] = ""; // the system gives nothing rather than the part that fits
+    FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr, GetLastError(), 0, text,
+                   sizeof text, nullptr);
+    if (size == 0) {
+        return 0;
+    }
+    std::snprintf(buffer, size, "%s", text);
+    return static_cast<uint32_t>(std::strlen(buffer));
 }
 
 } // namespace kor::platform

@@ -39,6 +39,11 @@ TEST_F(KorDynTest, OpensFindsAndCloses)
     char text[200];
     EXPECT_GT(_korDyn_DescribeError(KOR_AT(ex, 0), text, sizeof text), 0U);
     EXPECT_RAISED(9, "Unable to open dynamic library.");
+    EXPECT_EQ(_korDyn_GetHandle(KOR_AT(ex, 0), ""), nullptr); // no library, and not the process
+    korEx_Clear(ex);
+    _korDyn_Open(KOR_AT(ex, 0), "no-such-library");
+    EXPECT_EQ(_korDyn_DescribeError(KOR_AT(ex, 0), text, 8), 7U) << "what fits";
+    EXPECT_RAISED(9, "Unable to open dynamic library.");
 }
 
 TEST_F(KorDynTest, ATableStopsAtItsBadRow)
