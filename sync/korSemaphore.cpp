@@ -107,8 +107,10 @@ void _korSemaphore_TimedWait(korEx* ex, uint8_t depth, korSemaphore* semaphore, 
     if (!kor::mayWait(KOR_AT(ex, depth), semaphore)) {
         return;
     }
+    korTargetTime once = {};
+    target = target != nullptr ? target : &once; // a wait that is not repeated needs no record
     _korTargetTime_SetRemaining(target, timeout);
-    auto limit = static_cast<uint32_t>(std::min<int64_t>(target->remaining, waitForEver - 1));
+    auto limit = static_cast<uint32_t>(std::clamp<int64_t>(target->remaining, 0, int64_t{waitForEver} - 1));
     int32_t error = kor::platform::waitSemaphore(&kor::objectOf(semaphore)->state, limit);
     if (error == kor::platform::errorTimedOut) {
         if (timedOut != nullptr) {

@@ -36,13 +36,13 @@ KOR_API void _korSemaphore_Create(korEx* ex, uint8_t depth, const char* name, ko
 /// Makes a semaphore that only this process knows, or gives NULL. The caller destroys it. Errors: 2, 6.
 KOR_API korSemaphore* _korSemaphore_CreateUnnamed(korEx* ex, uint8_t depth);
 
-/// Waits until the semaphore is released, and takes it. Errors: 6, no description.
+/// Waits until the semaphore is released, and takes it. Errors: 1 "semaphore is missing"; 6, no description.
 KOR_API void _korSemaphore_WaitOn(korEx* ex, uint8_t depth, korSemaphore* semaphore);
 
 /// The same with a limit of `timeout` milliseconds; a negative one means no limit, and 0 only looks. `target` is the
-/// caller's, zeroed before the first of a row of waits that share the limit: later waits get what is left. When the
-/// time is up, `*timedOut` becomes 1; it is not touched otherwise, and may be NULL. A time-out is no error. Errors: 6
-/// "semaphore wait".
+/// caller's, zeroed before the first of a row of waits that share the limit: later waits get what is left; NULL for a
+/// wait of its own. When the time is up, `*timedOut` becomes 1; it is not touched otherwise, and may be NULL. A
+/// time-out is no error. Errors: 1 "semaphore is missing"; 6 "semaphore wait".
 KOR_API void _korSemaphore_TimedWait(korEx* ex, uint8_t depth, korSemaphore* semaphore, int64_t timeout,
                                      korTargetTime* target, uint8_t* timedOut);
 

@@ -37,10 +37,10 @@ KOR_API void _korShmRegion_Create(korEx* ex, uint8_t depth, const char* name, ui
 
 /// Maps `size` bytes from `offset` for reading and writing and gives their address, or NULL. A size of 0 maps up to the
 /// end. Of `offset` the low 32 bits count; it must be a multiple of the system's unit: 64 KiB on Windows, a page on
-/// Linux. Errors: 6: beyond the end, or no multiple; 2 (no memory).
+/// Linux. Errors: 1 "region is missing"; 6: beyond the end, or no multiple; 2 (no memory).
 KOR_API void* _korShmRegion_Map(korEx* ex, uint8_t depth, korShmRegion* region, uint64_t size, uint64_t offset);
 
-/// Ends a mapping made from this region. Errors: 6: no such mapping.
+/// Ends a mapping made from this region. Errors: 1 "region is missing"; 6: no such mapping.
 KOR_API void _korShmRegion_Unmap(korEx* ex, uint8_t depth, korShmRegion* region, void* address);
 
 /// Frees the object. NULL is accepted. Works with an error pending.
