@@ -223,7 +223,8 @@ Place findTopic(korEx* ex, uint8_t depth, korTopicList* list, const char* topic)
     clearStacks(list);
     Place place = {list->rootLevel, cutToken(topic), nullptr};
     for (;;) {
-        place.node = nodeHashGet(KOR_AT(ex, depth), place.level, place.token);
+        KOR_EX_PRIVATE(own, ex, depth); // a table of tokens that cannot go on with its change of size hides no topic
+        place.node = nodeHashGet(KOR_AT(&own, depth), place.level, place.token);
         if (place.node == nullptr || place.token.rest == nullptr) {
             return place;
         }

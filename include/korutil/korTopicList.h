@@ -108,7 +108,7 @@ KOR_API void _korTopicList_InsertEx(korEx* ex, uint8_t depth, korTopicList* list
 
 /// Removes one `value` from a topic of exactly this text, or with 0 all values of it, and gives the number removed. The
 /// order of the values that stay is not kept. A NULL list or topic gives 0. Works with an error pending. Error: 2, for
-/// topics of more than 17 tokens and while a table of tokens changes its size; the result tells what was removed.
+/// topics of more than 17 tokens; the result tells what was removed.
 KOR_API int32_t _korTopicList_Remove(uint8_t depth, korEx* ex, korTopicList* list, const char* topic, uint64_t value);
 
 /// The same, and `*remaining`, unless NULL, becomes the number of values left at the topic. It stays as it was if the

@@ -11,6 +11,7 @@
 #include <memory>
 #include <vector>
 
+using kor::test::FailingHeap;
 using kor::test::KorTest;
 using kor::test::Random;
 using kor::test::sweepFailures;
@@ -410,6 +411,21 @@ TEST_F(KorTopicList, FailedAllocationsLeaveAWholeList)
         EXPECT_GT(requests, 20u);
     }
     sweepFailures(ex, [&] { _korTopicList_DestroyPools(0, ex, _korTopicList_CreatePools(ex, 0)); });
+}
+
+TEST_F(KorTopicList, RemovingNeedsNoMemory)
+{
+    auto topic = [](int number) { return "t" + std::to_string(number) + "/z"; };
+    for (int count = 1; count < 100; count++) { // its tables are in the middle of a change of size for some of them
+        for (int number = 0; number < count; number++) {
+            _korTopicList_Insert(ex, 0, list, topic(number).c_str(), 7);
+        }
+        for (int number = 0; number < count; number++) {
+            std::string name = topic(number);
+            FailingHeap heap(1, UINT64_MAX);
+            EXPECT_EQ(_korTopicList_Remove(0, ex, list, name.c_str(), 7), 1) << name << " of " << count;
+        }
+    }
 }
 
 } // namespace
