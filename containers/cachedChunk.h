@@ -1,4 +1,5 @@
 // cachedChunk.h - a chunk given back to a pool cache, by owners that have no place to keep one that the cache refuses.
+// A cache that could not grow leaves the chunk with its caller; the pool takes it then.
 
 #pragma once
 
@@ -6,8 +7,8 @@
 
 namespace kor {
 
-/// Gives a chunk to the cache. A cache that could not grow leaves the chunk with its caller; the pool takes it then.
-inline void returnToCache(uint8_t depth, korEx* ex, korPoolCache* cache, void* chunk)
+/// Tells the caller that the cache could not grow.
+inline void returnToCacheOpenly(uint8_t depth, korEx* ex, korPoolCache* cache, void* chunk)
 {
     int32_t cached = cache->chunks.count;
     bool keeps = cached < cache->maxSize;
@@ -15,6 +16,13 @@ inline void returnToCache(uint8_t depth, korEx* ex, korPoolCache* cache, void* c
     if (keeps && cache->chunks.count == cached) {
         _korPool_Return(KOR_AT_D(depth, ex), cache->pool, chunk);
     }
+}
+
+/// Tells nobody: what the caller wanted to be rid of is gone.
+inline void returnToCache(uint8_t depth, korEx* ex, korPoolCache* cache, void* chunk)
+{
+    KOR_EX_PRIVATE(own, ex, depth);
+    returnToCacheOpenly(KOR_AT_D(depth, &own), cache, chunk);
 }
 
 } // namespace kor

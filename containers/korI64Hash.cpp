@@ -5,6 +5,7 @@
 // one.
 
 #include "korutil/korI64Hash.h"
+#include "containers/cachedChunk.h"
 #include "foundation/hostile.h"
 #include "korutil/korAlloc.h"
 
@@ -125,14 +126,10 @@ korI64Entry* takeEntry(korEx* ex, uint8_t depth, korI64HashPools* pools)
 
 void releaseEntry(uint8_t depth, korEx* ex, korI64HashPools* pools, korI64Entry* entry)
 {
-    if (pools == nullptr) {
+    if (pools != nullptr) {
+        returnToCache(KOR_AT_D(depth, ex), &pools->entryCache, entry);
+    } else {
         _kor_free(KOR_AT_D(depth, ex), entry);
-        return;
-    }
-    KOR_EX_PRIVATE(local, ex, depth);
-    _korPoolCache_Return(KOR_AT_D(depth, &local), &pools->entryCache, entry);
-    if (local.code != 0) { // the cache can not grow, but the pool takes every chunk
-        _korPool_Return(KOR_AT_D(depth, ex), pools->entryCache.pool, entry);
     }
 }
 

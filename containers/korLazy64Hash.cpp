@@ -61,7 +61,7 @@ struct IntegerPolicy {
         if (pools == nullptr) {
             _kor_free(KOR_AT_D(depth, ex), entry);
         } else if (entry != nullptr) {
-            kor::returnToCache(KOR_AT_D(depth, ex), &pools->entryCache, entry);
+            kor::returnToCacheOpenly(KOR_AT_D(depth, ex), &pools->entryCache, entry);
         }
     }
 

@@ -106,10 +106,10 @@ struct OpenTable {
         return current;
     }
 
-    /// Does nothing without a current entry, or if that has been removed already.
+    /// Removes where the iterator stands: after a removal that is the following entry.
     static void removeCurrent(uint8_t depth, korEx* ex, korHashChainIterator* iterator)
     {
-        if (iterator == nullptr || iterator->current == nullptr || iterator->removed != 0) {
+        if (iterator == nullptr || iterator->current == nullptr) {
             return;
         }
         iterator->current = currentOf(iterator)->next;

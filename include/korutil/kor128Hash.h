@@ -93,8 +93,9 @@ KOR_API void _kor128Hash_IteratorInit(kor128Hash* hash, korHashChainIterator* it
 KOR_API bool _kor128Hash_Next(korHashChainIterator* iterator, uint64_t* key, uint64_t* value);
 /// The same with the words apart.
 KOR_API bool _kor128Hash_Next2(korHashChainIterator* iterator, uint64_t* keyLow, uint64_t* keyHigh, uint64_t* value);
-/// Removes the current entry; the walk goes on with the one after it. NULL is accepted, and without a current entry
-/// nothing happens. Works with an error pending.
+/// Removes the current entry; the one after it becomes the current one, which the next step then gives: a second
+/// removal before that step removes it, too. NULL is accepted, and without a current entry nothing happens. Works with
+/// an error pending.
 KOR_API void _kor128Hash_RemoveCurrent(uint8_t depth, korEx* ex, korHashChainIterator* iterator);
 /// Sets the value of the current entry, which must exist, and gives the entry.
 KOR_API kor128Entry* _kor128Hash_SetCurrentValue(const korHashChainIterator* iterator, uint64_t value);

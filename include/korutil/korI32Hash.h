@@ -60,8 +60,9 @@ KOR_API uint64_t _korI32Hash_Remove(uint8_t depth, korEx* ex, korI32Hash* hash, 
 KOR_API void _korI32Hash_IteratorInit(korI32Hash* hash, korHashChainIterator* iterator);
 /// Goes to the next entry; false at the end. The out pointers may be NULL.
 KOR_API bool _korI32Hash_Next(korHashChainIterator* iterator, uint32_t* key, uint64_t* value);
-/// Removes the current entry; the walk goes on with the one after it. NULL is accepted, and without a current entry
-/// nothing happens. Works with an error pending.
+/// Removes the current entry; the one after it becomes the current one, which the next step then gives: a second
+/// removal before that step removes it, too. NULL is accepted, and without a current entry nothing happens. Works with
+/// an error pending.
 KOR_API void _korI32Hash_RemoveCurrent(uint8_t depth, korEx* ex, korHashChainIterator* iterator);
 
 KOR_END_DECLS

@@ -153,8 +153,9 @@ KOR_API bool _korI64Hash_Next(korEx* ex, uint8_t depth, korI64HashIterator* iter
 /// Ends a walk early. Works with an error pending.
 KOR_API void _korI64Hash_IteratorDone(korEx* ex, uint8_t depth, korI64HashIterator* iterator);
 
-/// Removes the entry that the walk gave last; the walk goes on with the one behind it. NULL is accepted, and so is a
-/// walk that stands on no entry.
+/// Removes the entry that the walk stands on: the one it gave last or, before the first step and after a removal, the
+/// one it would give next. The walk goes on with the one behind it. NULL is accepted. A walk that stands on no entry
+/// removes nothing, but a table with a single slot loses its only entry wherever the walk stands.
 KOR_API void _korI64Hash_RemoveCurrent(uint8_t depth, korEx* ex, korI64HashIterator* iterator);
 
 /// The same for a table with pooled entries.

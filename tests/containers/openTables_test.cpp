@@ -16,6 +16,7 @@ public:
     {
         table_ = _korI32Hash_Create(ex, 0, static_cast<int32_t>(slots));
     }
+    static constexpr bool removesOnce = false;
     ~Subject32() { _korI32Hash_Destroy(0, ex_, table_); }
     int64_t held() const { return table_->count; }
     int64_t mask() const { return table_->mask; }
@@ -47,6 +48,7 @@ public:
         }
         table_ = _kor128Hash_CreatePooled(ex, 0, slots, hashPool_, cache_);
     }
+    static constexpr bool removesOnce = false;
     ~Subject128()
     {
         korPool* entryPool = cache_ == nullptr ? nullptr : cache_->pool;
