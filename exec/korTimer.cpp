@@ -7,6 +7,7 @@
 
 #include "korutil/korTimer.h"
 #include "exec/globalSlot.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korExecutor.h"
 #include "korutil/korLogger.h"
@@ -56,6 +57,7 @@ int64_t warnOnOverrunDur = 0; // atomic; milliseconds, 0 = nothing is measured
 GlobalSlot<korTimer> globalTimer;
 UnloadStep clearsSlot = {[] { globalTimer.clear(); }, nullptr};
 korExecutor* globalTimersExecutor = nullptr; // the opening's reference
+uint32_t globalDispatcher = 0;               // atomic: the system's number of the global timer's thread, 0 = none
 
 class MutexGuard
 {
@@ -354,7 +356,7 @@ void _korTimerTask_Release(uint8_t depth, korEx* ex, korTimerTask* task)
 // Holds a reference to the timer from here on.
 korTimerTask* _korTimerTask_Create(korEx* ex, uint8_t depth, korTimer* timer, int64_t delay, int64_t interval)
 {
-    auto* task = static_cast<korTimerTask*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korTimerTask)));
+    auto* task = requestZeroed<korTimerTask>(KOR_AT(ex, depth));
     if (task == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
@@ -592,7 +594,7 @@ void fillTimer(korEx* ex, uint8_t depth, korTimer* timer, korExecutor* executor,
     timer->tasks = _korI64Hash_Create(KOR_AT(ex, depth), firstSlots);
     _korRadixHeap_Init(KOR_AT(ex, depth), &timer->heap, now());
     reserveBuckets(KOR_AT(ex, depth), &timer->heap);
-    timer->name = _kor_strdup(KOR_AT(ex, depth), name);
+    timer->name = requestCopy(KOR_AT(ex, depth), name);
 }
 
 // ---- The configuration ----------------------------------------------------------------------------------------------
@@ -655,6 +657,7 @@ void _korTimer_Open(korEx* ex, uint8_t depth)
         return;
     }
     setGlobal(timer, true);
+    std::atomic_ref(globalDispatcher).store(timer->thread->threadId);
     globalTimer.fill(timer);
     readConfiguration();
 }
@@ -662,13 +665,17 @@ void _korTimer_Open(korEx* ex, uint8_t depth)
 void _korTimer_Close(uint8_t depth, korEx* ex)
 {
     globalTimer.close(KOR_AT_D(depth, ex), endGlobal);
+    std::atomic_ref(globalDispatcher).store(0);
     _korExecutor_Release(KOR_AT_D(depth, ex), globalTimersExecutor);
     globalTimersExecutor = nullptr;
 }
 
+// What ends the closures of the last tasks runs on the dispatcher. The closing waits for that with the slot's lock
+// held, so it must not wait for the lock.
 korTimer* _korTimer_GetGlobal(uint8_t depth, korEx* ex)
 {
-    korTimer* timer = globalTimer.get();
+    bool isDispatcher = std::atomic_ref(globalDispatcher).load() == _korThread_CurrentSystemThreadID();
+    korTimer* timer = isDispatcher ? nullptr : globalTimer.get();
     if (timer == nullptr && globalTimer.isOpen()) {
         KOR_RAISE(ex, depth, KOR_ERROR_NOT_FOUND, nullptr);
     }

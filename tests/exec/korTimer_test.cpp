@@ -448,8 +448,16 @@ TEST_F(KorGlobalTimerTest, IsTheLibrarys)
     }
     Watch watch;
     _korTimer_ScheduleTask(KOR_AT(ex, 0), global, Watch::run, Watch::end, &watch, never, 0);
+    auto asks = [](korEx* own, uint8_t depth, void* answer) {
+        *static_cast<korTimer**>(answer) = _korTimer_GetGlobal(KOR_AT_D(depth, own));
+        EXPECT_EQ(own->code, KOR_ERROR_NOT_FOUND);
+        korEx_Clear(own);
+    };
+    korTimer* answer = global;
+    _korTimer_ScheduleTask(KOR_AT(ex, 0), global, Watch::run, asks, &answer, never, 0);
     _korutil_Close(KOR_AT_D(0, ex));
     EXPECT_EQ(watch.ends, 1) << "the closing ends its tasks";
+    EXPECT_EQ(answer, nullptr) << "and waits for none that asks for the timer";
     EXPECT_TRUE(_korTimer_Release(KOR_AT_D(0, ex), global));
 }
 
