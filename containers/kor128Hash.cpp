@@ -3,6 +3,7 @@
 #include "korutil/kor128Hash.h"
 #include "containers/cachedChunk.h"
 #include "containers/openTable.h"
+#include "foundation/request.h"
 
 #include <algorithm>
 #include <bit>
@@ -55,7 +56,7 @@ struct Policy128 {
     {
         return static_cast<Entry*>(table->entryCache != nullptr
                                        ? _korPoolCache_Get(KOR_AT(ex, depth), table->entryCache)
-                                       : _kor_malloc(KOR_AT(ex, depth), sizeof(Entry)));
+                                       : request<Entry>(KOR_AT(ex, depth)));
     }
     static void releaseEntry(uint8_t depth, korEx* ex, const Table* table, Entry* entry)
     {
@@ -95,7 +96,7 @@ korPool* createPool(korEx* ex, uint8_t depth, int32_t chunksPerBlock)
 kor128Hash* takeTable(korEx* ex, uint8_t depth, korPool* hashPool)
 {
     return static_cast<kor128Hash*>(hashPool != nullptr ? _korPool_Get(KOR_AT(ex, depth), hashPool)
-                                                        : _kor_malloc(KOR_AT(ex, depth), sizeof(kor128Hash)));
+                                                        : request<kor128Hash>(KOR_AT(ex, depth)));
 }
 
 void releaseTable(uint8_t depth, korEx* ex, korPool* hashPool, kor128Hash* hash)
@@ -182,7 +183,6 @@ kor128Hash* _kor128Hash_CreatePooled(korEx* ex, uint8_t depth, int64_t slots, ko
     }
     kor128Hash* hash = takeTable(KOR_AT(ex, depth), hashPool);
     if (hash == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
         return nullptr;
     }
     auto** bins = Engine::takeBins(KOR_AT(ex, depth), slotsFor(slots));

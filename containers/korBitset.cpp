@@ -1,6 +1,7 @@
 // korBitset.cpp - the growable set of small numbers, eight of them in a word.
 
 #include "korutil/korBitset.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 
 #include <cstring>
@@ -43,7 +44,7 @@ uint64_t* expand_bitset(korEx* ex, uint8_t depth, korBitset* bitset, uint64_t bi
     if (index >= bitset->wordCount) {
         uint64_t* words = nullptr;
         if (index <= maxIndex) {
-            words = static_cast<uint64_t*>(_kor_calloc(KOR_AT(ex, depth), 2 * index, sizeof(uint64_t)));
+            words = requestZeroed<uint64_t>(KOR_AT(ex, depth), 2 * index);
         }
         if (words == nullptr) {
             KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
@@ -60,12 +61,11 @@ uint64_t* expand_bitset(korEx* ex, uint8_t depth, korBitset* bitset, uint64_t bi
 // A set with words, all clear.
 korBitset* createSized(korEx* ex, uint8_t depth, uint64_t wordCount)
 {
-    auto* bitset = static_cast<korBitset*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korBitset)));
+    auto* bitset = requestZeroed<korBitset>(KOR_AT(ex, depth));
     if (bitset == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
         return nullptr;
     }
-    bitset->words = static_cast<uint64_t*>(_kor_calloc(KOR_AT(ex, depth), wordCount, sizeof(uint64_t)));
+    bitset->words = requestZeroed<uint64_t>(KOR_AT(ex, depth), wordCount);
     if (bitset->words == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         _kor_free(KOR_AT_D(depth, ex), bitset);
@@ -136,7 +136,7 @@ void _korBitset_CopyBitset(korEx* ex, uint8_t depth, korBitset* target, const ko
         return;
     }
     if (target->wordCount < source->wordCount) {
-        void* words = _kor_realloc(KOR_AT(ex, depth), target->words, bytesOf(source));
+        void* words = granted<void>(KOR_AT(ex, depth), _kor_realloc(KOR_AT(ex, depth), target->words, bytesOf(source)));
         if (words == nullptr) {
             KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
             return;

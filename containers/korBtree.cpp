@@ -8,6 +8,7 @@
 #include "containers/btreeNode.h"
 #include "containers/cachedChunk.h"
 #include "foundation/hostile.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 
 #include <algorithm>
@@ -780,9 +781,8 @@ korBtree* _korBtree_Create(korEx* ex, uint8_t depth, korPoolCache* poolCache, ui
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* tree = static_cast<korBtree*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korBtree)));
+    auto* tree = requestZeroed<korBtree>(KOR_AT(ex, depth));
     if (tree == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
         return nullptr;
     }
     _korBtree_Init(KOR_AT(ex, depth), tree, poolCache, maxItemsPerNode, cacheSize);

@@ -3,6 +3,7 @@
 
 #include "korutil/korHash.h"
 #include "containers/lazyTable.h"
+#include "foundation/request.h"
 #include "korutil/korPool.h"
 #include "korutil/korSpookyHash.h"
 
@@ -71,7 +72,7 @@ struct HashPools {
 
 void* takeChunk(korEx* ex, uint8_t depth, korPool* pool, size_t size)
 {
-    return pool != nullptr ? _korPool_Get(KOR_AT(ex, depth), pool) : _kor_malloc(KOR_AT(ex, depth), size);
+    return pool != nullptr ? _korPool_Get(KOR_AT(ex, depth), pool) : kor::request<void>(KOR_AT(ex, depth), size);
 }
 
 void releaseChunk(uint8_t depth, korEx* ex, korPool* pool, void* chunk)

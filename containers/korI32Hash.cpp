@@ -2,6 +2,7 @@
 
 #include "korutil/korI32Hash.h"
 #include "containers/openTable.h"
+#include "foundation/request.h"
 
 #include <bit>
 #include <cstddef>
@@ -28,10 +29,7 @@ struct Policy32 {
     static uint64_t hashOf(Key key) { return key; }
     static Key keyOf(const Entry* entry) { return entry->key; }
     static void storeKey(Entry* entry, Key key) { entry->key = key; }
-    static Entry* takeEntry(korEx* ex, uint8_t depth, const Table*)
-    {
-        return static_cast<Entry*>(_kor_malloc(KOR_AT(ex, depth), sizeof(Entry)));
-    }
+    static Entry* takeEntry(korEx* ex, uint8_t depth, const Table*) { return request<Entry>(KOR_AT(ex, depth)); }
     static void releaseEntry(uint8_t depth, korEx* ex, const Table*, Entry* entry)
     {
         _kor_free(KOR_AT_D(depth, ex), entry);
@@ -69,9 +67,8 @@ korI32Hash* _korI32Hash_Create(korEx* ex, uint8_t depth, int32_t slots)
         KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, nullptr);
         return nullptr;
     }
-    auto* hash = static_cast<korI32Hash*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korI32Hash)));
+    auto* hash = requestZeroed<korI32Hash>(KOR_AT(ex, depth));
     if (hash == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
         return nullptr;
     }
     hash->bins = Engine::takeBins(KOR_AT(ex, depth), slotsFor(slots));

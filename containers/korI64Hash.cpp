@@ -7,6 +7,7 @@
 #include "korutil/korI64Hash.h"
 #include "containers/cachedChunk.h"
 #include "foundation/hostile.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 
 #include <utility>
@@ -117,7 +118,7 @@ void unlink(korI64Entry* entry)
 korI64Entry* takeEntry(korEx* ex, uint8_t depth, korI64HashPools* pools)
 {
     void* entry = pools != nullptr ? _korPoolCache_Get(KOR_AT(ex, depth), &pools->entryCache)
-                                   : _kor_malloc(KOR_AT(ex, depth), sizeof(korI64Entry));
+                                   : request<korI64Entry>(KOR_AT(ex, depth));
     if (entry == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
     }
@@ -150,7 +151,7 @@ uint32_t slotCountFor(int32_t slots)
 
 korI64Entry* allocateSlots(korEx* ex, uint8_t depth, uint32_t count)
 {
-    auto* slots = static_cast<korI64Entry*>(_kor_calloc(KOR_AT(ex, depth), count, sizeof(korI64Entry)));
+    auto* slots = requestZeroed<korI64Entry>(KOR_AT(ex, depth), count);
     if (slots == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
     }
@@ -215,7 +216,7 @@ void doubleSlots(korEx* ex, uint8_t depth, korI64Hash* hash, korI64HashPools* po
     korI64Hash old = *hash;
     korI64Entry* slots = allocateSlots(KOR_AT(ex, depth), old.slotCount * 2);
     size_t spareSize = old.slotCount * sizeof(korI64Entry*); // each old slot leaves one record over at most
-    void* memory = ex->code == 0 ? _kor_malloc(KOR_AT(ex, depth), spareSize) : nullptr;
+    void* memory = ex->code == 0 ? request<void>(KOR_AT(ex, depth), spareSize) : nullptr;
     auto* spare = static_cast<korI64Entry**>(memory);
     if (spare == nullptr) {
         _kor_free(KOR_AT_D(depth, ex), slots);
@@ -514,7 +515,7 @@ korI64Hash* _korI64Hash_Create(korEx* ex, uint8_t depth, int32_t slots)
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* hash = static_cast<korI64Hash*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korI64Hash)));
+    auto* hash = requestZeroed<korI64Hash>(KOR_AT(ex, depth));
     if (hash == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;

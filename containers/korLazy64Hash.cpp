@@ -3,6 +3,7 @@
 #include "korutil/korLazy64Hash.h"
 #include "containers/cachedChunk.h"
 #include "containers/lazyTable.h"
+#include "foundation/request.h"
 #include "korutil/korPool.h"
 
 #include <cstddef>
@@ -41,7 +42,7 @@ struct IntegerPolicy {
     static Table* takeTable(korEx* ex, uint8_t depth, Pools pools)
     {
         return static_cast<Table*>(pools != nullptr ? _korPool_Get(KOR_AT(ex, depth), pools->hashPool)
-                                                    : _kor_malloc(KOR_AT(ex, depth), sizeof(Table)));
+                                                    : kor::request<Table>(KOR_AT(ex, depth)));
     }
     static void releaseTable(uint8_t depth, korEx* ex, Pools pools, Table* table)
     {
@@ -54,7 +55,7 @@ struct IntegerPolicy {
     static Entry* takeEntry(korEx* ex, uint8_t depth, Pools pools)
     {
         return static_cast<Entry*>(pools != nullptr ? _korPoolCache_Get(KOR_AT(ex, depth), &pools->entryCache)
-                                                    : _kor_malloc(KOR_AT(ex, depth), sizeof(Entry)));
+                                                    : kor::request<Entry>(KOR_AT(ex, depth)));
     }
     static void releaseEntry(uint8_t depth, korEx* ex, Pools pools, Entry* entry)
     {

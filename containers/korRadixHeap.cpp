@@ -6,6 +6,7 @@
 
 #include "korutil/korRadixHeap.h"
 #include "foundation/hostile.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 
 #include <algorithm>
@@ -118,7 +119,7 @@ korRadixBucket* lowestFilled(korRadixHeap* heap)
 
 void grow(korEx* ex, uint8_t depth, korRadixHeap* heap, uint8_t count)
 {
-    auto* buckets = static_cast<korRadixBucket*>(_kor_malloc(KOR_AT(ex, depth), count * sizeof(korRadixBucket)));
+    auto* buckets = request<korRadixBucket>(KOR_AT(ex, depth), count * sizeof(korRadixBucket));
     if (buckets == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return;
@@ -164,7 +165,7 @@ korRadixHeap* _korRadixHeap_Create(korEx* ex, uint8_t depth, int64_t initialKey)
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* heap = static_cast<korRadixHeap*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korRadixHeap)));
+    auto* heap = requestZeroed<korRadixHeap>(KOR_AT(ex, depth));
     if (heap == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
@@ -183,7 +184,7 @@ void _korRadixHeap_Init(korEx* ex, uint8_t depth, korRadixHeap* heap, int64_t in
         return;
     }
     *heap = {};
-    auto* buckets = static_cast<korRadixBucket*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korRadixBucket)));
+    auto* buckets = requestZeroed<korRadixBucket>(KOR_AT(ex, depth));
     if (buckets == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return;

@@ -23,6 +23,7 @@
 #pragma once
 
 #include "foundation/hostile.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 
 #include <bit>
@@ -445,7 +446,7 @@ private:
     static Entry* takeSlots(korEx* ex, uint8_t depth, const Pools& pools, uint64_t slotCount)
     {
         if (slotCount != 1 || !Policy::poolsEntries(pools)) {
-            return static_cast<Entry*>(_kor_calloc(KOR_AT(ex, depth), slotCount, sizeof(Entry)));
+            return requestZeroed<Entry>(KOR_AT(ex, depth), slotCount);
         }
         Entry* slot = Policy::takeEntry(KOR_AT(ex, depth), pools);
         if (slot != nullptr) {

@@ -11,6 +11,7 @@
 #pragma once
 
 #include "foundation/hostile.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korHashChain.h"
 
@@ -121,9 +122,8 @@ struct OpenTable {
 
     static Entry** takeBins(korEx* ex, uint8_t depth, uint64_t slots)
     {
-        auto** bins = static_cast<Entry**>(_kor_calloc(KOR_AT(ex, depth), slots, sizeof(Entry*)));
+        auto** bins = requestZeroed<Entry*>(KOR_AT(ex, depth), slots);
         if (bins == nullptr) {
-            KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
         }
         return bins;
     }

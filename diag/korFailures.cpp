@@ -4,6 +4,7 @@
 // it: no failure is freed before the close, and one that a later entry has replaced is not freed at all.
 
 #include "korutil/korFailures.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korFile.h"
 #include "korutil/korLogger.h"
@@ -91,12 +92,11 @@ void _korFailure_Destroy(uint8_t depth, korEx* ex, korFailure* failure)
 
 korFailure* _korFailure_Create(korEx* ex, uint8_t depth)
 {
-    auto* failure = static_cast<korFailure*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korFailure)));
+    auto* failure = requestZeroed<korFailure>(KOR_AT(ex, depth));
     if (failure == nullptr) {
         return nullptr;
     }
-    failure->properties =
-        static_cast<korFailureProperties*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korFailureProperties)));
+    failure->properties = requestZeroed<korFailureProperties>(KOR_AT(ex, depth));
     if (failure->properties == nullptr) {
         _korFailure_Destroy(KOR_AT_D(depth, ex), failure);
         return nullptr;
@@ -113,7 +113,7 @@ int32_t typeOf(const kor_cJSON* item)
 
 void storeText(korEx* ex, uint8_t depth, char** place, const char* text)
 {
-    char* copy = _kor_strdup(KOR_AT(ex, depth), text);
+    char* copy = requestCopy(KOR_AT(ex, depth), text);
     _kor_free(KOR_AT_D(depth, ex), *place);
     *place = copy;
 }
@@ -310,7 +310,7 @@ bool makeTable(korEx* ex, uint8_t depth)
     if (table != nullptr) {
         return true;
     }
-    auto* made = static_cast<FailureTable*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(FailureTable)));
+    auto* made = requestZeroed<FailureTable>(KOR_AT(ex, depth));
     if (made == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first allocation of a process fails in silence
         return false;

@@ -1,6 +1,7 @@
 // korPerf.cpp - the tick counter, running statistics, histograms and their bar chart.
 
 #include "korutil/korPerf.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "platform/clock.h"
 
@@ -272,7 +273,7 @@ korPerfHist* _korPerf_CreateHist(korEx* ex, uint8_t depth, double bucketSeconds,
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* hist = static_cast<korPerfHist*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korPerfHist)));
+    auto* hist = requestZeroed<korPerfHist>(KOR_AT(ex, depth));
     if (hist == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;

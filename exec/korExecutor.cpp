@@ -2,6 +2,7 @@
 // threads in runner.cpp.
 
 #include "korutil/korExecutor.h"
+#include "foundation/request.h"
 
 #include "exec/executorInternal.h"
 #include "foundation/hostile.h"
@@ -23,7 +24,7 @@ void* allocateZeroed(korEx* ex, uint8_t depth, size_t count, size_t size)
     if (ex->code != 0) {
         return nullptr;
     }
-    void* memory = _kor_calloc(KOR_AT(ex, depth), count, size);
+    void* memory = granted<void>(KOR_AT(ex, depth), _kor_calloc(KOR_AT(ex, depth), count, size));
     if (memory == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
     }

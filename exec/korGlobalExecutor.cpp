@@ -3,6 +3,7 @@
 
 #include "exec/executorInternal.h"
 #include "exec/globalSlot.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korExecutor.h"
 #include "korutil/korProcess.h"
@@ -83,7 +84,7 @@ Settings readSettings(const char* name, int defaultThreads)
 // The runners carry the executor's name, which the pool gives its threads as it starts.
 void renamePool(korEx* ex, uint8_t depth, korThreadPool* pool, const char* name)
 {
-    char* copy = _kor_strdup(KOR_AT(ex, depth), name);
+    char* copy = requestCopy(KOR_AT(ex, depth), name);
     if (copy != nullptr) {
         _kor_free(KOR_AT_D(depth, ex), pool->name);
         pool->name = copy;

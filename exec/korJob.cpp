@@ -5,6 +5,7 @@
 
 #include "exec/executorInternal.h"
 #include "foundation/hostile.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korThreadLocal.h"
 #include "sync/mutexGuard.h"
@@ -309,7 +310,7 @@ korJob* makeSimpleJob(korEx* ex, uint8_t depth, korSimpleFunction function, void
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* simple = static_cast<korSimpleJob*>(_kor_malloc(KOR_AT(ex, depth), sizeof(korSimpleJob)));
+    auto* simple = request<korSimpleJob>(KOR_AT(ex, depth));
     if (simple == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;

@@ -4,6 +4,7 @@
 // waiter sets it and looks once more before it sleeps, a runner changes the state and then looks at it.
 
 #include "korutil/korJobGroup.h"
+#include "foundation/request.h"
 
 #include "exec/executorInternal.h"
 #include "foundation/hostile.h"
@@ -186,7 +187,7 @@ korJobGroup* _korJobGroup_Create(korEx* ex, uint8_t depth, korExecutor* executor
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* group = static_cast<korJobGroup*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korJobGroup)));
+    auto* group = requestZeroed<korJobGroup>(KOR_AT(ex, depth));
     if (group == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;

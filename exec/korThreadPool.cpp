@@ -1,6 +1,7 @@
 // korThreadPool.cpp - threads that start, stop and are joined together.
 
 #include "korutil/korThreadPool.h"
+#include "foundation/request.h"
 
 #include "korutil/korAlloc.h"
 #include "korutil/korText.h"
@@ -31,7 +32,7 @@ korThread** makeThreadList(korEx* ex, uint8_t depth, int32_t size)
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
     }
-    return static_cast<korThread**>(_kor_calloc(KOR_AT(ex, depth), static_cast<size_t>(size), sizeof(korThread*)));
+    return requestZeroed<korThread*>(KOR_AT(ex, depth), static_cast<size_t>(size));
 }
 
 // After the first failure the rest are no-ops that give NULL.
@@ -87,7 +88,7 @@ korThreadPool* _korThreadPool_Create(korEx* ex, uint8_t depth, korThreadFunction
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* pool = static_cast<korThreadPool*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korThreadPool)));
+    auto* pool = requestZeroed<korThreadPool>(KOR_AT(ex, depth));
     if (pool == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
@@ -99,7 +100,7 @@ korThreadPool* _korThreadPool_Create(korEx* ex, uint8_t depth, korThreadFunction
     pool->closure = closure;
     pool->threadType = threadType;
     pool->mutex = _korMutex_Create(KOR_AT(ex, depth));
-    pool->name = _kor_strdup(KOR_AT(ex, depth), name);
+    pool->name = requestCopy(KOR_AT(ex, depth), name);
     if (ex->code != 0) {
         _korThreadPoolDestroy(KOR_AT_D(depth, ex), pool);
         return nullptr;

@@ -1,6 +1,7 @@
 // korFile.cpp - files at offsets, directories, and the library's temporary place, over platform/file.h.
 
 #include "korutil/korFile.h"
+#include "foundation/request.h"
 #include "foundation/unload.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korRand.h"
@@ -66,7 +67,7 @@ char* skipSeparators(char* path)
 // Every part that ends at a separator; the last one is the caller's.
 void makeParents(korEx* ex, uint8_t depth, const char* path)
 {
-    char* copy = _kor_strdup(KOR_AT(ex, depth), path);
+    char* copy = requestCopy(KOR_AT(ex, depth), path);
     if (copy == nullptr) {
         return;
     }
@@ -108,7 +109,7 @@ UnloadStep freesFormat = {freeFormat, nullptr};
 // Whoever installs first wins; the loser's copy goes.
 const char* install(korEx* ex, uint8_t depth, char*& slot, UnloadStep& step, const char* text)
 {
-    char* copy = _kor_strdup(KOR_AT(ex, depth), text);
+    char* copy = requestCopy(KOR_AT(ex, depth), text);
     if (copy == nullptr) {
         return nullptr;
     }
@@ -131,7 +132,7 @@ korFile* _korFile_Open(korEx* ex, uint8_t depth, const char* path, uint32_t flag
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* file = static_cast<korFile*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korFile)));
+    auto* file = requestZeroed<korFile>(KOR_AT(ex, depth));
     if (file == nullptr) {
         return nullptr;
     }
@@ -276,7 +277,7 @@ korDirHandle* _korDirHandle_FirstFile(korEx* ex, uint8_t depth, const char* dire
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* handle = static_cast<korDirHandle*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korDirHandle)));
+    auto* handle = requestZeroed<korDirHandle>(KOR_AT(ex, depth));
     if (handle == nullptr) {
         return nullptr;
     }

@@ -1,6 +1,7 @@
 // korPasswordFile.cpp - password files. What held a password on the way is zeroed.
 
 #include "korutil/korPasswordFile.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korEncoding.h"
 #include "korutil/korFile.h"
@@ -74,7 +75,7 @@ int32_t readWhole(korEx* ex, uint8_t depth, korFile* file, char* buffer, int32_t
 
 void trim(korEx* ex, uint8_t depth, char* text, int32_t size)
 {
-    char* copy = _kor_strdup(KOR_AT(ex, depth), text);
+    char* copy = requestCopy(KOR_AT(ex, depth), text);
     if (copy != nullptr) {
         _kor_TrimWhitespace(text, static_cast<size_t>(size), copy, 0);
         wipe(copy, strlen(copy));

@@ -4,6 +4,7 @@
 // Two locks: the library lock, then the retain lock. Neither is ever given back while the library is loaded.
 
 #include "korutil/korLib.h"
+#include "foundation/request.h"
 
 #include "foundation/unload.h"
 #include "korutil/korAffinity.h"
@@ -125,7 +126,7 @@ void printWhole(uint8_t depth, korEx* ex)
 void offloadRelease(uint8_t depth, korEx* ex)
 {
     if (ex->code == 0) {
-        auto* holder = static_cast<Holder*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(Holder)));
+        auto* holder = requestZeroed<Holder>(KOR_AT(ex, depth));
         korThread* thread =
             _korThread_Create(KOR_AT(ex, depth), _offloadedRelease, holder, 5, "Offloaded korutil release");
         if (thread != nullptr) {

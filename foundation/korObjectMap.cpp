@@ -4,6 +4,7 @@
 // only a register takes it from there. So an object is written while no id reaches its slot.
 
 #include "korutil/korObjectMap.h"
+#include "foundation/request.h"
 
 #include "foundation/hostile.h"
 #include "foundation/unload.h"
@@ -97,7 +98,7 @@ void addTable(korEx* ex, uint8_t depth, uint64_t index)
             return;
         }
     }
-    void* slots = _kor_calloc(KOR_AT(ex, depth), KOR_OBJECT_MAP_TABLE, sizeof(korObjectMapSlot));
+    void* slots = requestZeroed<korObjectMapSlot>(KOR_AT(ex, depth), KOR_OBJECT_MAP_TABLE);
     if (slots == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return;

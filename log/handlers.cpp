@@ -4,6 +4,7 @@
 // a statement that cannot be written is lost, and the next one tries again.
 
 #include "log/handlers.h"
+#include "foundation/request.h"
 
 #include "foundation/hostile.h"
 #include "korutil/korAlloc.h"
@@ -53,7 +54,7 @@ korHandler* newHandler(korEx* ex, uint8_t depth, korHandlerOpen open, korHandler
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* handler = static_cast<korHandler*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(Record)));
+    auto* handler = granted<korHandler>(KOR_AT(ex, depth), _kor_calloc(KOR_AT(ex, depth), 1, sizeof(Record)));
     if (handler != nullptr) {
         handler->open = open;
         handler->close = close;
@@ -87,7 +88,7 @@ char* copyText(korEx* ex, uint8_t depth, const char* text, size_t maximum)
         return nullptr;
     }
     size_t length = _kor_strnlen(text, maximum);
-    auto* copy = static_cast<char*>(_kor_malloc(KOR_AT(ex, depth), length + 1));
+    auto* copy = request<char>(KOR_AT(ex, depth), length + 1);
     if (copy != nullptr) {
         std::memcpy(copy, text, length);
         copy[length] = '\0';
@@ -642,7 +643,7 @@ bool _korDpaHandler_Open(korEx* ex, uint8_t depth, korHandler* handler, korStrHa
 
 void appendCopy(korEx* ex, uint8_t depth, korDpa* target, const char* statement)
 {
-    char* copy = _kor_strdup(KOR_AT(ex, depth), statement);
+    char* copy = requestCopy(KOR_AT(ex, depth), statement);
     if (copy == nullptr) {
         return;
     }

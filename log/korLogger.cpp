@@ -3,6 +3,7 @@
 // A per-key logger lives in the object map. Its owner's reference stands from its making until its key is destroyed;
 // everyone else holds one for the length of a call. The last reference to go takes the record with it.
 
+#include "foundation/request.h"
 #include "log/handlers.h"
 #include "log/layouts.h"
 #include "log/logger.h"
@@ -298,7 +299,7 @@ void _korLogger_InitOneLogger(korEx* ex, uint8_t depth, korLogger* logger, uint6
 // end of a record takes.
 uint64_t createLogger(korEx* ex, uint8_t depth, uint64_t logKey)
 {
-    auto* logger = static_cast<korLogger*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korLogger)));
+    auto* logger = requestZeroed<korLogger>(KOR_AT(ex, depth));
     if (logger == nullptr) {
         return 0;
     }

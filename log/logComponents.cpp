@@ -2,6 +2,7 @@
 //
 // The ids of the built-in components are compiled into other modules and stay what they are for ever.
 
+#include "foundation/request.h"
 #include "log/logger.h"
 
 #include "korutil/korAlloc.h"
@@ -249,8 +250,8 @@ uint8_t addComponent(korEx* ex, uint8_t depth, const char* tag, const char* shor
         return 0;
     }
     auto id = static_cast<uint8_t>(_gLogger.componentCount + 1);
-    char* ownTag = _kor_strdup(KOR_AT(ex, depth), tag);
-    char* ownShortTag = ex->code == 0 ? _kor_strdup(KOR_AT(ex, depth), shortTag) : nullptr;
+    char* ownTag = requestCopy(KOR_AT(ex, depth), tag);
+    char* ownShortTag = ex->code == 0 ? requestCopy(KOR_AT(ex, depth), shortTag) : nullptr;
     enterTag(KOR_AT(ex, depth), _gLogger.componentTags, tag, id);
     if (ex->code != 0) {
         _kor_free(KOR_AT_D(depth, ex), ownTag);
@@ -279,7 +280,7 @@ uint64_t addGroup(korEx* ex, uint8_t depth, const char* tag, const uint8_t* comp
         return 0;
     }
     uint64_t id = _gLogger.groupCount + 1;
-    char* ownTag = _kor_strdup(KOR_AT(ex, depth), tag);
+    char* ownTag = requestCopy(KOR_AT(ex, depth), tag);
     enterTag(KOR_AT(ex, depth), _gLogger.groupTags, tag, id);
     if (ex->code != 0) {
         _kor_free(KOR_AT_D(depth, ex), ownTag);

@@ -4,6 +4,7 @@
 // Each token is converted on an exception object of its own, so that a bad level does not keep the rest from being
 // applied; the first failure reaches the caller.
 
+#include "foundation/request.h"
 #include "log/logger.h"
 
 #include "korutil/korAlloc.h"
@@ -295,7 +296,7 @@ void remember(korEx* ex, uint8_t depth, korLoggerHead* head, const char* specifi
 {
     _korRWLock_WriteLock(KOR_AT_D(depth, ex), head->lock);
     _kor_free(KOR_AT_D(depth, ex), head->levelSpec);
-    head->levelSpec = ex->code == 0 ? _kor_strdup(KOR_AT(ex, depth), specification) : nullptr;
+    head->levelSpec = ex->code == 0 ? kor::requestCopy(KOR_AT(ex, depth), specification) : nullptr;
     _korRWLock_UnlockWriteLock(KOR_AT_D(depth, ex), head->lock);
 }
 

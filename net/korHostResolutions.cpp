@@ -3,6 +3,7 @@
 // A list belongs to the resolution that made it; every copy counts as one reference to that owner.
 
 #include "korutil/korHostResolutions.h"
+#include "foundation/request.h"
 
 #include "korutil/korAlloc.h"
 #include "korutil/korLogger.h"
@@ -199,7 +200,7 @@ void freeList(uint8_t depth, korEx* ex, addrinfo* list, uint8_t selfMade)
 // A record that stands before the first address of `list`.
 korHostResolutions* newRecord(korEx* ex, uint8_t depth, addrinfo* list)
 {
-    auto* record = static_cast<korHostResolutions*>(_kor_malloc(KOR_AT(ex, depth), sizeof(korHostResolutions)));
+    auto* record = request<korHostResolutions>(KOR_AT(ex, depth));
     if (record != nullptr) {
         record->list = list;
         record->current = nullptr;

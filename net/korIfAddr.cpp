@@ -1,6 +1,7 @@
 // korIfAddr.cpp - the walk over the adapters' addresses, copied into a list of the caller's.
 
 #include "korutil/korIfAddr.h"
+#include "foundation/request.h"
 
 #include "korutil/korAlloc.h"
 #include "korutil/korHostResolutions.h"
@@ -28,14 +29,14 @@ struct Walk {
 
 korIfAddr* copyAddress(korEx* ex, uint8_t depth, const platform::AdapterAddress& source)
 {
-    auto* copy = static_cast<korIfAddr*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korIfAddr)));
+    auto* copy = requestZeroed<korIfAddr>(KOR_AT(ex, depth));
     if (copy == nullptr) {
         return nullptr;
     }
     auto length = static_cast<size_t>(_kor_GetAddressLength(source.address));
     copy->flags = source.flags & toldFlags;
-    copy->name = _kor_strdup(KOR_AT(ex, depth), source.name);
-    copy->addr = ex->code == 0 ? static_cast<sockaddr*>(_kor_malloc(KOR_AT(ex, depth), length)) : nullptr;
+    copy->name = requestCopy(KOR_AT(ex, depth), source.name);
+    copy->addr = ex->code == 0 ? request<sockaddr>(KOR_AT(ex, depth), length) : nullptr;
     if (ex->code != 0) {
         _kor_freeifaddrs(KOR_AT_D(depth, ex), copy);
         return nullptr;

@@ -4,6 +4,7 @@
 // lists and the active flags, under the mutex, leaves it, and wakes the waiter.
 
 #include "korutil/korPoller.h"
+#include "foundation/request.h"
 
 #include "foundation/hostile.h"
 #include "korutil/korAlloc.h"
@@ -51,7 +52,7 @@ void freePoller(uint8_t depth, korEx* ex, PollerObject* object)
 
 korPoller* createPoller(korEx* ex, uint8_t depth, const PollerKind* kind)
 {
-    auto* object = static_cast<PollerObject*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(PollerObject)));
+    auto* object = requestZeroed<PollerObject>(KOR_AT(ex, depth));
     if (object == nullptr) {
         return nullptr;
     }

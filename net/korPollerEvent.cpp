@@ -1,6 +1,7 @@
 // korPollerEvent.cpp - the counted record of one thing to wait for.
 
 #include "korutil/korPollerEvent.h"
+#include "foundation/request.h"
 
 #include "korutil/korAlloc.h"
 #include "platform/poll.h"
@@ -34,7 +35,7 @@ korPollerEvent* newEvent(korEx* ex, uint8_t depth)
     if (ex->code != 0) {
         return nullptr;
     }
-    return static_cast<korPollerEvent*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korPollerEvent)));
+    return requestZeroed<korPollerEvent>(KOR_AT(ex, depth));
 }
 
 } // namespace

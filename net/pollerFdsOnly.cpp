@@ -2,6 +2,7 @@
 //
 // Slots are never moved, so an event remembers its own. Free ones have socket -1 and are skipped by the system.
 
+#include "foundation/request.h"
 #include "net/pollerKinds.h"
 
 #include "foundation/hostile.h"
@@ -32,7 +33,8 @@ void* resizeBlock(void* owner, void* block, uint64_t size)
 template <typename Element>
 bool resizeArray(korEx* ex, uint8_t depth, Element** array, int32_t count)
 {
-    void* block = _kor_realloc(KOR_AT(ex, depth), *array, static_cast<size_t>(count) * sizeof(Element));
+    void* block = granted<void>(KOR_AT(ex, depth),
+                                _kor_realloc(KOR_AT(ex, depth), *array, static_cast<size_t>(count) * sizeof(Element)));
     if (block != nullptr) {
         *array = static_cast<Element*>(block);
     }

@@ -2,6 +2,7 @@
 //
 // The used slots stand at the front, without gaps, since the system waits for an array of handles.
 
+#include "foundation/request.h"
 #include "net/pollerKinds.h"
 
 #include "foundation/hostile.h"
@@ -127,10 +128,8 @@ void createFull(korEx* ex, uint8_t depth, PollerObject* object)
     if (ex->code != 0) {
         return;
     }
-    poller->slotEvents =
-        static_cast<korPollerEvent**>(_kor_calloc(KOR_AT(ex, depth), slotCount, sizeof(korPollerEvent*)));
-    poller->readyList =
-        static_cast<korPollerEvent**>(_kor_calloc(KOR_AT(ex, depth), 3 * slotCount, sizeof(korPollerEvent*)));
+    poller->slotEvents = requestZeroed<korPollerEvent*>(KOR_AT(ex, depth), slotCount);
+    poller->readyList = requestZeroed<korPollerEvent*>(KOR_AT(ex, depth), 3 * slotCount);
     if (ex->code == 0 && !platform::interruptOpen(&poller->interruptEvent)) {
         poller->interruptEvent = platform::noHandle;
         KOR_RAISE(ex, depth, platform::lastSystemError(), "create event failed during poll create");

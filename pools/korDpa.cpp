@@ -5,6 +5,7 @@
 
 #include "korutil/korDpa.h"
 #include "foundation/hostile.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korPool.h"
 #include "pools/order.h"
@@ -212,7 +213,7 @@ void _korDpa_PerformInit(korEx* ex, uint8_t depth, korDpa* dpa, int32_t size, ko
     }
     korPool* pool = capacity == slots ? arrays : nullptr; // only a whole chunk is worth one
     void* items =
-        pool != nullptr ? _korPool_Get(KOR_AT(ex, depth), pool) : _kor_malloc(KOR_AT(ex, depth), bytesOf(capacity));
+        pool != nullptr ? _korPool_Get(KOR_AT(ex, depth), pool) : request<void>(KOR_AT(ex, depth), bytesOf(capacity));
     if (items == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return;
@@ -227,8 +228,7 @@ korDpa* _korDpa_PerformCreate(korEx* ex, uint8_t depth, int32_t size, korPool* o
     if (ex->code != 0) {
         return nullptr;
     }
-    void* object =
-        objects != nullptr ? _korPool_Get(KOR_AT(ex, depth), objects) : _kor_malloc(KOR_AT(ex, depth), sizeof(korDpa));
+    void* object = objects != nullptr ? _korPool_Get(KOR_AT(ex, depth), objects) : request<korDpa>(KOR_AT(ex, depth));
     if (object == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
@@ -333,7 +333,8 @@ void _korDpa_Grow(korEx* ex, uint8_t depth, korDpa* dpa, int32_t slots)
     korPool* pool = poolOf(dpa);
     bool onHeap = dpa->capacity != 1 && pool == nullptr;
     void* old = onHeap ? dpa->items : nullptr;
-    auto* items = static_cast<uint64_t*>(_kor_realloc(KOR_AT(ex, depth), old, bytesOf(dpa->capacity + slots)));
+    auto* items =
+        granted<uint64_t>(KOR_AT(ex, depth), _kor_realloc(KOR_AT(ex, depth), old, bytesOf(dpa->capacity + slots)));
     if (items == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return;

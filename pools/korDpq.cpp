@@ -5,6 +5,7 @@
 
 #include "korutil/korDpq.h"
 #include "foundation/hostile.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "pools/order.h"
 
@@ -136,8 +137,7 @@ int32_t closeGap(korDpq* queue, int32_t index)
 
 bool holdsValue(const korDpq* queue, int32_t index)
 {
-    return index >= 0 && static_cast<uint32_t>(index) <= queue->mask &&
-           distance(queue, queue->first, index) < static_cast<uint32_t>(queue->count);
+    return distance(queue, queue->first, index) < static_cast<uint32_t>(queue->count);
 }
 
 } // namespace
@@ -158,9 +158,8 @@ void _korDpq_Init(korEx* ex, uint8_t depth, korDpq* queue, int32_t size)
         return;
     }
     uint64_t capacity = std::bit_ceil(static_cast<uint64_t>(size));
-    queue->items = static_cast<uint64_t*>(_kor_malloc(KOR_AT(ex, depth), capacity * sizeof(uint64_t)));
+    queue->items = request<uint64_t>(KOR_AT(ex, depth), capacity * sizeof(uint64_t));
     if (queue->items == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
         return;
     }
     queue->mask = static_cast<uint32_t>(capacity - 1);
@@ -171,9 +170,8 @@ korDpq* _korDpq_Create(korEx* ex, uint8_t depth, int32_t size)
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* queue = static_cast<korDpq*>(_kor_malloc(KOR_AT(ex, depth), sizeof(korDpq)));
+    auto* queue = request<korDpq>(KOR_AT(ex, depth));
     if (queue == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
         return nullptr;
     }
     _korDpq_Init(KOR_AT(ex, depth), queue, size);
@@ -209,7 +207,7 @@ void _korDpq_Grow(korEx* ex, uint8_t depth, korDpq* queue)
     uint64_t* items = nullptr;
     if (old < maxCapacity) {
         size_t size = 2 * old * sizeof(uint64_t);
-        items = static_cast<uint64_t*>(_kor_realloc(KOR_AT(ex, depth), queue->items, size));
+        items = granted<uint64_t>(KOR_AT(ex, depth), _kor_realloc(KOR_AT(ex, depth), queue->items, size));
     }
     if (items == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
@@ -265,6 +263,10 @@ void _korDpq_AddOrderedEx(korEx* ex, uint8_t depth, korDpq* queue, uint64_t valu
 
 int32_t _korDpq_Remove(korDpq* queue, int32_t index)
 {
+    if (index < 0) {
+        return -1;
+    }
+    index = korDpq_wrap(queue, static_cast<uint32_t>(index));
     if (!holdsValue(queue, index)) {
         return -1;
     }

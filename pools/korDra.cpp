@@ -5,6 +5,7 @@
 
 #include "korutil/korDra.h"
 #include "foundation/hostile.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 
 #include <algorithm>
@@ -45,7 +46,7 @@ void* zeroedChunk(korEx* ex, uint8_t depth, korPool* pool)
 // The old chunk goes back whether or not there is something to take its place.
 void* fromPoolToHeap(korEx* ex, uint8_t depth, korDra* array, int32_t capacity)
 {
-    void* bytes = _kor_calloc(KOR_AT(ex, depth), 1, static_cast<size_t>(capacity));
+    void* bytes = requestZeroed<uint8_t>(KOR_AT(ex, depth), static_cast<size_t>(capacity));
     if (bytes != nullptr) {
         memcpy(bytes, array->bytes, static_cast<size_t>(array->capacity));
     }
@@ -56,7 +57,8 @@ void* fromPoolToHeap(korEx* ex, uint8_t depth, korDra* array, int32_t capacity)
 
 void* growOnHeap(korEx* ex, uint8_t depth, korDra* array, int32_t capacity)
 {
-    auto* bytes = static_cast<uint8_t*>(_kor_realloc(KOR_AT(ex, depth), array->bytes, static_cast<size_t>(capacity)));
+    auto* bytes = granted<uint8_t>(KOR_AT(ex, depth),
+                                   _kor_realloc(KOR_AT(ex, depth), array->bytes, static_cast<size_t>(capacity)));
     if (bytes == nullptr) {
         _kor_free(KOR_AT_D(depth, ex), array->bytes);
         return nullptr;
@@ -122,7 +124,9 @@ void _korDra_PerformInit(korEx* ex, uint8_t depth, korDra* array, int32_t size, 
     korPool* pool = slots >= hint ? storages : nullptr;
     void* bytes = pool != nullptr
                       ? zeroedChunk(KOR_AT(ex, depth), pool)
-                      : _kor_calloc(KOR_AT(ex, depth), static_cast<size_t>(std::max(hint, slots)), array->recordSize);
+                      : granted<void>(KOR_AT(ex, depth),
+                                      _kor_calloc(KOR_AT(ex, depth), static_cast<size_t>(std::max(hint, slots)),
+                                                  array->recordSize));
     if (bytes == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first allocation of a process fails in silence
         return;
@@ -139,8 +143,7 @@ korDra* _korDra_PerformCreate(korEx* ex, uint8_t depth, int32_t size, int32_t re
     if (ex->code != 0) {
         return nullptr;
     }
-    void* object =
-        objects != nullptr ? _korPool_Get(KOR_AT(ex, depth), objects) : _kor_malloc(KOR_AT(ex, depth), sizeof(korDra));
+    void* object = objects != nullptr ? _korPool_Get(KOR_AT(ex, depth), objects) : request<korDra>(KOR_AT(ex, depth));
     if (object == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
@@ -293,7 +296,7 @@ bool _korDra_RemoveIndex(korDra* array, int32_t index)
 {
     int64_t offset = static_cast<int64_t>(index) * array->recordSize;
     int64_t behind = offset + array->recordSize;
-    if (index < 0 || behind > array->used) {
+    if (array->bytes == nullptr || index < 0 || behind > array->used) {
         return false;
     }
     memmove(array->bytes + offset, array->bytes + behind, static_cast<size_t>(array->used - behind));

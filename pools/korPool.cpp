@@ -6,6 +6,7 @@
 
 #include "korutil/korPool.h"
 #include "foundation/chain.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korLogger.h"
 #include "korutil/korObjectMap.h"
@@ -144,17 +145,16 @@ void destroyBlock(uint8_t depth, korEx* ex, korPoolBlock* block)
 void allocChunks(korEx* ex, uint8_t depth, korPoolBlock* block)
 {
     if (ex->code == 0) {
-        block->memory = static_cast<uint8_t*>(_kor_malloc(KOR_AT(ex, depth), block->bytes));
+        block->memory = kor::request<uint8_t>(KOR_AT(ex, depth), block->bytes);
     }
     if (block->memory == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
     }
 }
 
 // A block with its memory, which is not touched here.
 korPoolBlock* createBlock(korEx* ex, uint8_t depth, korPool* pool)
 {
-    auto* block = static_cast<korPoolBlock*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korPoolBlock)));
+    auto* block = kor::requestZeroed<korPoolBlock>(KOR_AT(ex, depth));
     if (block == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
@@ -292,7 +292,7 @@ void* refillAndGet(korEx* ex, uint8_t depth, korPool* pool, korPoolThread* threa
 
 void* getFromHeap(korEx* ex, uint8_t depth, korPool* pool)
 {
-    void* chunk = _kor_malloc(KOR_AT(ex, depth), pool->chunkSize);
+    void* chunk = kor::request<void>(KOR_AT(ex, depth), pool->chunkSize);
     if (chunk != nullptr && pool->initChunk != nullptr) {
         pool->initChunk(KOR_AT(ex, depth), chunk);
         if (ex->code != 0) {
@@ -556,9 +556,8 @@ korPool* _korPool_CreateWithMaxCache(korEx* ex, uint8_t depth, int32_t chunksPer
         KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, nullptr);
         return nullptr;
     }
-    auto* pool = static_cast<korPool*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korPool)));
+    auto* pool = kor::requestZeroed<korPool>(KOR_AT(ex, depth));
     if (pool == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
         return nullptr;
     }
     pool->disabled = KOR_ATOMIC_LOAD_RELAXED(&gPoolDisable);
@@ -640,7 +639,7 @@ void _korPool_RegisterThread(korEx* ex, uint8_t depth, korPool* pool)
     if (ex->code != 0 || pool->disabled || threadRecord(pool) != nullptr) {
         return;
     }
-    auto* thread = static_cast<korPoolThread*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korPoolThread)));
+    auto* thread = kor::requestZeroed<korPoolThread>(KOR_AT(ex, depth));
     if (thread == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return;

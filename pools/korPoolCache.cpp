@@ -2,6 +2,7 @@
 // under its lock; nothing else of a cache is shared.
 
 #include "korutil/korPoolCache.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 
 #include <algorithm>
@@ -50,9 +51,8 @@ korPoolCache* _korPoolCache_Create(korEx* ex, uint8_t depth, int64_t size, korPo
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* cache = static_cast<korPoolCache*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korPoolCache)));
+    auto* cache = kor::requestZeroed<korPoolCache>(KOR_AT(ex, depth));
     if (cache == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
         return nullptr;
     }
     _korPoolCache_Init(KOR_AT(ex, depth), cache, size, pool);

@@ -3,6 +3,7 @@
 // A chunk is zeroed once, when it is carved. From then on it keeps its array's storage from use to use.
 
 #include "korutil/korRefDpa.h"
+#include "foundation/request.h"
 
 #include "foundation/unload.h"
 #include "korutil/korAlloc.h"
@@ -69,7 +70,7 @@ korRefDpa* _korRefDpa_Create(korEx* ex, uint8_t depth, int32_t size)
     }
     korPool* pool = sharedPool;
     void* object =
-        pool != nullptr ? _korPool_Get(KOR_AT(ex, depth), pool) : _kor_calloc(KOR_AT(ex, depth), 1, sizeof(korRefDpa));
+        pool != nullptr ? _korPool_Get(KOR_AT(ex, depth), pool) : requestZeroed<korRefDpa>(KOR_AT(ex, depth));
     if (object == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;

@@ -8,6 +8,7 @@
 #include "korutil/korRQueue.h"
 #include "foundation/barrier.h"
 #include "foundation/hostile.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korCPU.h"
 #include "platform/cpu.h"
@@ -107,15 +108,14 @@ korRQueue* _korRQueue_Create(korEx* ex, uint8_t depth, uint32_t size)
         KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, "Queue size must be a positive power of two");
         return nullptr;
     }
-    auto* queue = static_cast<korRQueue*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korRQueue)));
+    auto* queue = requestZeroed<korRQueue>(KOR_AT(ex, depth));
     if (queue == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
         return nullptr;
     }
     size_t bytes = (2 * static_cast<size_t>(size) + 1) * sizeof(korRQueueSlot);
-    queue->allocation = _kor_memalign(KOR_AT(ex, depth), alignof(korRQueueSlot), bytes);
+    queue->allocation =
+        granted<void>(KOR_AT(ex, depth), _kor_memalign(KOR_AT(ex, depth), alignof(korRQueueSlot), bytes));
     if (queue->allocation == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // a debug allocator may report by NULL alone
         _kor_free(KOR_AT_D(depth, ex), queue);
         return nullptr;
     }

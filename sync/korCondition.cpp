@@ -4,6 +4,7 @@
 
 #include "korutil/korCondition.h"
 #include "foundation/hostile.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korTime.h"
 #include "platform/error.h"
@@ -96,9 +97,8 @@ korCondition* _korCondition_Create(uint8_t depth, korEx* ex)
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* condition = static_cast<korCondition*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korCondition)));
+    auto* condition = requestZeroed<korCondition>(KOR_AT(ex, depth));
     if (condition == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
         return nullptr;
     }
     _korCondition_Init(KOR_AT_D(depth, ex), condition);

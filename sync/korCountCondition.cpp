@@ -1,6 +1,7 @@
 // korCountCondition.cpp - a counter that only goes up, under a mutex, with a broadcast at each step.
 
 #include "korutil/korCountCondition.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 
 static_assert(sizeof(korCountCondition) == 64 && offsetof(korCountCondition, mutex) == 24);
@@ -20,9 +21,8 @@ korCountCondition* _korCountCondition_Create(korEx* ex, uint8_t depth)
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* counter = static_cast<korCountCondition*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korCountCondition)));
+    auto* counter = kor::requestZeroed<korCountCondition>(KOR_AT(ex, depth));
     if (counter == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
         return nullptr;
     }
     _korCountCondition_Init(KOR_AT(ex, depth), counter);

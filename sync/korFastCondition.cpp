@@ -3,6 +3,7 @@
 
 #include "korutil/korFastCondition.h"
 #include "foundation/hostile.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "platform/event.h"
 
@@ -53,9 +54,8 @@ korFastCondition* _korFastCondition_Create(uint8_t depth, korEx* ex)
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* condition = static_cast<korFastCondition*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korFastCondition)));
+    auto* condition = requestZeroed<korFastCondition>(KOR_AT(ex, depth));
     if (condition == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
         return nullptr;
     }
     _korFastCondition_Init(KOR_AT_D(depth, ex), condition);

@@ -5,6 +5,7 @@
 
 #include "korutil/korFastLock.h"
 #include "foundation/hostile.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "platform/cpu.h"
 #include "platform/event.h"
@@ -113,9 +114,8 @@ korFastLock* _korFastLock_Create(uint8_t depth, korEx* ex, uint32_t spinCount)
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* lock = static_cast<korFastLock*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korFastLock)));
+    auto* lock = requestZeroed<korFastLock>(KOR_AT(ex, depth));
     if (lock == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
         return nullptr;
     }
     _korFastLock_Init(KOR_AT_D(depth, ex), lock, spinCount);

@@ -1,6 +1,7 @@
 // korFastRWLock.cpp - makes and ends the parts of a fast reader-writer lock.
 
 #include "korutil/korFastRWLock.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 
 static_assert(offsetof(korFastRWLock, readers) == 56);
@@ -12,9 +13,8 @@ korFastRWLock* _korFastRWLock_Create(korEx* ex, uint8_t depth, uint32_t spinCoun
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* lock = static_cast<korFastRWLock*>(_kor_malloc(KOR_AT(ex, depth), sizeof(korFastRWLock)));
+    auto* lock = kor::request<korFastRWLock>(KOR_AT(ex, depth));
     if (lock == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
         return nullptr;
     }
     _korFastRWLock_Init(KOR_AT(ex, depth), lock, spinCount);

@@ -1,6 +1,7 @@
 // korMutex.cpp - mutexes as objects; what is done with them stands in line in the header.
 
 #include "korutil/korMutex.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korProcess.h"
 #include "platform/mutex.h"
@@ -25,9 +26,8 @@ korMutex* _korMutex_Create(korEx* ex, uint8_t depth)
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* mutex = static_cast<korMutex*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korMutex)));
+    auto* mutex = requestZeroed<korMutex>(KOR_AT(ex, depth));
     if (mutex == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
         return nullptr;
     }
     _korMutex_Init(KOR_AT(ex, depth), mutex);

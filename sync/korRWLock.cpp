@@ -1,13 +1,14 @@
 // korRWLock.cpp - the reader-writer lock as an object; the lock itself is the platform's.
 
 #include "korutil/korRWLock.h"
+#include "foundation/request.h"
 
 #include "korutil/korAlloc.h"
 #include "platform/rwlock.h"
 
 korRWLock* _korRWLock_Create(uint8_t depth, korEx* ex)
 {
-    auto* lock = static_cast<korRWLock*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korRWLock)));
+    auto* lock = kor::requestZeroed<korRWLock>(KOR_AT(ex, depth));
     if (lock == nullptr) {
         return nullptr;
     }

@@ -1,6 +1,7 @@
 // korSemaphore.cpp - binary semaphores as objects; counting and waiting are the platform's.
 
 #include "korutil/korSemaphore.h"
+#include "foundation/request.h"
 
 #include "korutil/korAlloc.h"
 #include "platform/error.h"
@@ -62,11 +63,11 @@ void _korSemaphore_Create(korEx* ex, uint8_t depth, const char* name, korSemapho
         KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, "semaphore name is missing");
         return;
     }
-    auto* object = static_cast<kor::SemaphoreObject*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(kor::SemaphoreObject)));
+    auto* object = kor::requestZeroed<kor::SemaphoreObject>(KOR_AT(ex, depth));
     if (object == nullptr) {
         return;
     }
-    object->record.name = _kor_strdup(KOR_AT(ex, depth), name);
+    object->record.name = kor::requestCopy(KOR_AT(ex, depth), name);
     if (object->record.name == nullptr) {
         _kor_free(KOR_AT_D(depth, ex), object);
         return;
@@ -81,7 +82,7 @@ korSemaphore* _korSemaphore_CreateUnnamed(korEx* ex, uint8_t depth)
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* object = static_cast<kor::SemaphoreObject*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(kor::SemaphoreObject)));
+    auto* object = kor::requestZeroed<kor::SemaphoreObject>(KOR_AT(ex, depth));
     return object == nullptr ? nullptr : kor::openSemaphore(KOR_AT(ex, depth), object);
 }
 

@@ -2,6 +2,7 @@
 // unmaps by the address alone.
 
 #include "korutil/korShmRegion.h"
+#include "foundation/request.h"
 
 #include "korutil/korAlloc.h"
 #include "korutil/korMutex.h"
@@ -42,11 +43,11 @@ bool mayUse(korEx* ex, uint8_t depth, const korShmRegion* region)
 // An object with its name and no memory yet, or NULL.
 RegionObject* makeObject(korEx* ex, uint8_t depth, const char* name)
 {
-    auto* object = static_cast<RegionObject*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(RegionObject)));
+    auto* object = kor::requestZeroed<RegionObject>(KOR_AT(ex, depth));
     if (object == nullptr) {
         return nullptr;
     }
-    object->record.name = _kor_strdup(KOR_AT(ex, depth), name);
+    object->record.name = kor::requestCopy(KOR_AT(ex, depth), name);
     if (object->record.name == nullptr) {
         _kor_free(KOR_AT_D(depth, ex), object);
         return nullptr;
@@ -125,7 +126,7 @@ void* _korShmRegion_Map(korEx* ex, uint8_t depth, korShmRegion* region, uint64_t
     if (!kor::mayUse(KOR_AT(ex, depth), region)) {
         return nullptr;
     }
-    auto* view = static_cast<kor::View*>(_kor_malloc(KOR_AT(ex, depth), sizeof(kor::View)));
+    auto* view = kor::request<kor::View>(KOR_AT(ex, depth));
     if (view == nullptr) {
         return nullptr;
     }

@@ -3,6 +3,7 @@
 // A thread and its object share a counted start record: either may go first.
 
 #include "korutil/korThread.h"
+#include "foundation/request.h"
 
 #include "foundation/hostile.h"
 #include "foundation/unload.h"
@@ -152,14 +153,14 @@ void freeParts(uint8_t depth, korEx* ex, korThread* thread, korThreadStart* star
 void _createThread(korEx* ex, uint8_t depth, korThread* thread, korThreadFunction function, void* argument,
                    int32_t type, const char* name)
 {
-    auto* start = static_cast<korThreadStart*>(_kor_malloc(KOR_AT(ex, depth), sizeof(korThreadStart)));
+    auto* start = request<korThreadStart>(KOR_AT(ex, depth));
     if (start == nullptr) {
         return;
     }
     // Two sides from the start, since the thread may be gone before the system's call has returned.
     *start = {.refCount = 2, .function = function, .argument = argument, .result = 0, .type = type, .name = nullptr};
-    start->name = _kor_strdup(KOR_AT(ex, depth), name);
-    thread->name = ex->code == 0 ? _kor_strdup(KOR_AT(ex, depth), name) : nullptr;
+    start->name = requestCopy(KOR_AT(ex, depth), name);
+    thread->name = ex->code == 0 ? requestCopy(KOR_AT(ex, depth), name) : nullptr;
     thread->start = start;
     if (ex->code == 0 &&
         !platform::threadStart(__korThread_Start, start, stackSize(), &thread->handle, &thread->threadId)) {
@@ -202,7 +203,7 @@ void startThread(korEx* ex, uint8_t depth, korThread* thread, korThreadFunction 
 const char* cacheProgname(uint8_t depth, korEx* ex, const char* name)
 {
     char* known = nullptr;
-    char* copy = ex->code == 0 ? _kor_strdup(KOR_AT(ex, depth), name) : nullptr;
+    char* copy = ex->code == 0 ? requestCopy(KOR_AT(ex, depth), name) : nullptr;
     if (copy == nullptr) {
         return nullptr;
     }
@@ -269,7 +270,7 @@ korThread* _korThread_Create(korEx* ex, uint8_t depth, korThreadFunction functio
         return nullptr;
     }
     _korThread_InitThreads(KOR_AT(ex, depth));
-    auto* thread = static_cast<korThread*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korThread)));
+    auto* thread = requestZeroed<korThread>(KOR_AT(ex, depth));
     if (thread == nullptr) {
         return nullptr;
     }

@@ -5,6 +5,7 @@
 // generations are compared with the registry's. Destructors run with neither.
 
 #include "korutil/korThreadLocal.h"
+#include "foundation/request.h"
 
 #include "foundation/hostile.h"
 #include "korutil/korAlloc.h"
@@ -232,7 +233,7 @@ void _registerDestructor(korEx* ex, uint8_t depth, int32_t key, korThreadLocalDe
     if (destructor == nullptr) {
         return;
     }
-    auto* entry = static_cast<korThreadLocalKey*>(_kor_malloc(KOR_AT(ex, depth), sizeof(korThreadLocalKey)));
+    auto* entry = request<korThreadLocalKey>(KOR_AT(ex, depth));
     if (entry == nullptr) {
         return;
     }
@@ -263,7 +264,7 @@ korThreadLocalState* currentState()
 
 korThreadLocalState* createState(korEx* ex, uint8_t depth)
 {
-    auto* state = static_cast<korThreadLocalState*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korThreadLocalState)));
+    auto* state = requestZeroed<korThreadLocalState>(KOR_AT(ex, depth));
     if (state == nullptr) {
         return nullptr;
     }
@@ -279,7 +280,7 @@ korThreadLocalState* createState(korEx* ex, uint8_t depth)
 
 void addValue(korEx* ex, uint8_t depth, korThreadLocalState* state, int32_t key, korThreadLocalValue value)
 {
-    auto* fresh = static_cast<korThreadLocalValue*>(_kor_malloc(KOR_AT(ex, depth), sizeof(korThreadLocalValue)));
+    auto* fresh = request<korThreadLocalValue>(KOR_AT(ex, depth));
     if (fresh == nullptr) {
         return;
     }
@@ -489,7 +490,7 @@ uint64_t* _korThreadLocal_InitThread(korEx* ex, uint8_t depth)
         return values;
     }
     constexpr size_t size = KOR_THREAD_LOCAL_KEYS * sizeof(uint64_t) + KOR_THREAD_NAME_SIZE;
-    values = static_cast<uint64_t*>(_kor_calloc(KOR_AT(ex, depth), 1, size));
+    values = granted<uint64_t>(KOR_AT(ex, depth), _kor_calloc(KOR_AT(ex, depth), 1, size));
     if (values == nullptr) {
         return nullptr;
     }

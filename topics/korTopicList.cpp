@@ -7,6 +7,7 @@
 
 #include "korutil/korTopicList.h"
 #include "foundation/hostile.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "topics/topicTrie.h"
 
@@ -32,9 +33,9 @@ void* takeMemory(korEx* ex, uint8_t depth, korPool* pool, size_t size)
     if (ex->code != 0) {
         return nullptr;
     }
-    void* memory = pool != nullptr ? _korPool_Get(KOR_AT(ex, depth), pool) : _kor_malloc(KOR_AT(ex, depth), size);
+    void* memory =
+        pool != nullptr ? _korPool_Get(KOR_AT(ex, depth), pool) : kor::request<void>(KOR_AT(ex, depth), size);
     if (memory == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first request of a process reports by NULL alone
     }
     return memory;
 }
@@ -348,7 +349,8 @@ bool checkMinSize(korEx* ex, uint8_t depth, char** buffer, int32_t* size, int64_
         return false;
     }
     int64_t wanted = std::clamp<int64_t>(2 * (end + 1), 64, INT32_MAX);
-    void* grown = _kor_realloc(KOR_AT(ex, depth), *buffer, static_cast<size_t>(wanted));
+    void* grown =
+        kor::granted<void>(KOR_AT(ex, depth), _kor_realloc(KOR_AT(ex, depth), *buffer, static_cast<size_t>(wanted)));
     if (grown == nullptr) {
         KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return false;

@@ -4,6 +4,7 @@
 // cursor that lies behind the end has no room.
 
 #include "korutil/korBuf.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 
 #include <algorithm>
@@ -455,7 +456,7 @@ void _korBuf_DecodeUTF8(korEx* ex, uint8_t depth, uint8_t** cursor, const uint8_
     }
     *cursor = static_cast<uint8_t*>(nul) + 1;
     char* inPlace = reinterpret_cast<char*>(start);
-    *text = duplicate != 0 ? _kor_strdup(KOR_AT(ex, depth), inPlace) : inPlace;
+    *text = duplicate != 0 ? kor::requestCopy(KOR_AT(ex, depth), inPlace) : inPlace;
 }
 
 void _korBuf_EncodeBytes(korEx* ex, uint8_t depth, uint8_t** cursor, const uint8_t* end, const void* data,

@@ -3,6 +3,7 @@
 // A record knows its pool and nothing of caches: each release says which cache its thread has at hand.
 
 #include "korutil/korBuffer.h"
+#include "foundation/request.h"
 
 #include "foundation/unload.h"
 #include "korutil/korAlloc.h"
@@ -77,7 +78,7 @@ korBuffer* takeRecord(korEx* ex, uint8_t depth, korPoolCache* cache, korPool* po
     } else if (pool != nullptr) {
         record = _korPool_Get(KOR_AT(ex, depth), pool);
     } else {
-        record = _kor_calloc(KOR_AT(ex, depth), 1, sizeof(korBuffer));
+        record = requestZeroed<korBuffer>(KOR_AT(ex, depth));
     }
     if (record == nullptr) {
         return nullptr;
@@ -122,7 +123,7 @@ void setArea(korBuffer* buffer, void* data, int32_t size)
 void allocateArea(korEx* ex, uint8_t depth, korBuffer* buffer, int32_t size)
 {
     int32_t capacity = std::max(size, leastArea);
-    void* data = _kor_malloc(KOR_AT(ex, depth), static_cast<size_t>(capacity));
+    void* data = request<void>(KOR_AT(ex, depth), static_cast<size_t>(capacity));
     if (data != nullptr) {
         setArea(buffer, data, capacity);
     }
@@ -142,9 +143,10 @@ void dropArea(uint8_t depth, korEx* ex, korBuffer* buffer)
 uint8_t* grownArea(korEx* ex, uint8_t depth, const korBuffer* buffer, int32_t size)
 {
     if (buffer->inlineData == 0) {
-        return static_cast<uint8_t*>(_kor_realloc(KOR_AT(ex, depth), buffer->data, static_cast<size_t>(size)));
+        return granted<uint8_t>(KOR_AT(ex, depth),
+                                _kor_realloc(KOR_AT(ex, depth), buffer->data, static_cast<size_t>(size)));
     }
-    void* data = _kor_malloc(KOR_AT(ex, depth), static_cast<size_t>(size));
+    void* data = request<void>(KOR_AT(ex, depth), static_cast<size_t>(size));
     if (data != nullptr) {
         std::memcpy(data, buffer->data, static_cast<size_t>(buffer->capacity));
     }
@@ -170,12 +172,9 @@ void _korBuffer_CreatePool(korEx* ex, uint8_t depth)
     }
     defaultPool = _korPool_Create(KOR_AT(ex, depth), 100, sizeof(korBuffer), nullptr, nullptr, 1, 10);
     _korMutex_Init(KOR_AT(ex, depth), &poolsLock);
-    bool locked = ex->code == 0;
     _korI64Hash_Init(KOR_AT(ex, depth), &dataPools, 16);
     if (ex->code != 0) {
-        if (locked) {
-            _korMutex_Clear(KOR_AT(ex, depth), &poolsLock);
-        }
+        _korMutex_Clear(KOR_AT(ex, depth), &poolsLock);
         _korPool_Destroy(KOR_AT_D(depth, ex), defaultPool);
         defaultPool = nullptr;
         return;

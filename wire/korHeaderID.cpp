@@ -1,6 +1,7 @@
 // korHeaderID.cpp - identifiers of message headers.
 
 #include "korutil/korHeaderID.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korBuf.h"
 #include "korutil/korRand.h"
@@ -50,7 +51,7 @@ korHeaderID* _korHeaderID_CreateFromBuffer(korEx* ex, uint8_t depth, uint8_t** c
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* record = static_cast<korHeaderID*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korHeaderID)));
+    auto* record = requestZeroed<korHeaderID>(KOR_AT(ex, depth));
     if (record == nullptr) {
         return nullptr;
     }
@@ -67,7 +68,7 @@ korHeaderID* _korHeaderID_Copy(korEx* ex, uint8_t depth, const korHeaderID* sour
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* record = static_cast<korHeaderID*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korHeaderID)));
+    auto* record = requestZeroed<korHeaderID>(KOR_AT(ex, depth));
     if (record != nullptr) {
         *record = *source;
     }

@@ -1,6 +1,7 @@
 // korNoticeAppender.cpp - notices for a person.
 
 #include "korutil/korNoticeAppender.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korLogLevel.h"
 #include "korutil/korText.h"
@@ -22,7 +23,7 @@ uint32_t writeHead(char (&notice)[KOR_NOTICE_SIZE], const char* name, int32_t le
 
 void keep(korEx* ex, uint8_t depth, korDpa* notices, const char* notice)
 {
-    char* copy = _kor_strdup(KOR_AT(ex, depth), notice);
+    char* copy = requestCopy(KOR_AT(ex, depth), notice);
     if (copy == nullptr) {
         return;
     }
@@ -42,16 +43,12 @@ korNoticeAppender* _korNoticeAppender_Create(korEx* ex, uint8_t depth, const cha
     if (ex == nullptr || ex->code != 0) {
         return nullptr;
     }
-    auto* appender = static_cast<korNoticeAppender*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korNoticeAppender)));
+    auto* appender = requestZeroed<korNoticeAppender>(KOR_AT(ex, depth));
     if (appender == nullptr) {
         return nullptr;
     }
     _korMutex_Init(KOR_AT(ex, depth), &appender->mutex);
-    if (ex->code != 0) {
-        _kor_free(KOR_AT_D(depth, ex), appender);
-        return nullptr;
-    }
-    appender->name = name == nullptr ? nullptr : _kor_strdup(KOR_AT(ex, depth), name);
+    appender->name = name == nullptr ? nullptr : requestCopy(KOR_AT(ex, depth), name);
     appender->notices = notices;
     if (ex->code != 0) {
         _korNoticeAppender_Destroy(KOR_AT_D(depth, ex), appender);

@@ -1,6 +1,7 @@
 // korStrbuf.cpp - the string builder over an array of copies.
 
 #include "korutil/korStrbuf.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korText.h"
 
@@ -57,7 +58,7 @@ korStrbuf* _korStrbuf_Create(korEx* ex, uint8_t depth)
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* builder = static_cast<korStrbuf*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korStrbuf)));
+    auto* builder = requestZeroed<korStrbuf>(KOR_AT(ex, depth));
     if (builder == nullptr) {
         return nullptr;
     }
@@ -74,7 +75,7 @@ void _korStrbuf_Append(korEx* ex, uint8_t depth, korStrbuf* builder, const char*
     if (refuseNull(KOR_AT(ex, depth), builder) || refuseNull(KOR_AT(ex, depth), text)) {
         return;
     }
-    char* copy = _kor_strdup(KOR_AT(ex, depth), text);
+    char* copy = requestCopy(KOR_AT(ex, depth), text);
     if (copy == nullptr) {
         return;
     }
@@ -96,7 +97,7 @@ const char* _korStrbuf_Finalize(korEx* ex, uint8_t depth, korStrbuf* builder)
         return builder->text;
     }
     _kor_free(KOR_AT_D(depth, ex), builder->text);
-    builder->text = static_cast<char*>(_kor_calloc(KOR_AT(ex, depth), builder->totalLength + 1, 1));
+    builder->text = requestZeroed<char>(KOR_AT(ex, depth), builder->totalLength + 1);
     if (builder->text != nullptr) {
         join(builder);
         builder->dirty = 0;

@@ -1,6 +1,7 @@
 // korUrl.cpp - the splitter, the options with their read marks, and the numbers in them.
 
 #include "korutil/korUrl.h"
+#include "foundation/request.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korText.h"
 
@@ -34,7 +35,7 @@ void setField(korEx* ex, uint8_t depth, char*& field, const char* text)
     if (ex->code != 0) {
         return;
     }
-    char* copy = text == nullptr ? nullptr : _kor_strdup(KOR_AT(ex, depth), text);
+    char* copy = text == nullptr ? nullptr : requestCopy(KOR_AT(ex, depth), text);
     _kor_free(KOR_AT_D(depth, ex), field);
     field = copy;
 }
@@ -244,7 +245,7 @@ size_t collectUnread(korEx* ex, uint8_t depth, const korUrl* url, korDpa* keys)
 
 void logUnread(korEx* ex, uint8_t depth, const korUrl* url, const korDpa* keys, size_t room, const korLogSource* source)
 {
-    auto* text = static_cast<char*>(_kor_calloc(KOR_AT(ex, depth), room, 1));
+    auto* text = requestZeroed<char>(KOR_AT(ex, depth), room);
     if (text == nullptr) {
         return;
     }
@@ -307,7 +308,7 @@ korUrl* _korUrl_Create(korEx* ex, uint8_t depth)
     if (ex->code != 0) {
         return nullptr;
     }
-    auto* url = static_cast<korUrl*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korUrl)));
+    auto* url = requestZeroed<korUrl>(KOR_AT(ex, depth));
     if (url != nullptr) {
         url->refCount = 1;
     }
@@ -321,7 +322,7 @@ korUrl* _korUrl_Parse(korEx* ex, uint8_t depth, const char* text)
         return url;
     }
     setField(KOR_AT(ex, depth), url->source, text);
-    char* work = ex->code == 0 ? _kor_strdup(KOR_AT(ex, depth), text) : nullptr;
+    char* work = ex->code == 0 ? requestCopy(KOR_AT(ex, depth), text) : nullptr;
     if (work != nullptr) {
         split(KOR_AT(ex, depth), url, work);
         _kor_free(KOR_AT_D(depth, ex), work);
@@ -448,7 +449,7 @@ void _korUrl_AddQuery(korEx* ex, uint8_t depth, korUrl* url, const char* key, co
         KOR_RAISE(ex, depth, KOR_ERROR_INVALID_ARGUMENT, nullptr);
         return;
     }
-    auto* query = static_cast<korUrlQuery*>(_kor_calloc(KOR_AT(ex, depth), 1, sizeof(korUrlQuery)));
+    auto* query = requestZeroed<korUrlQuery>(KOR_AT(ex, depth));
     if (query == nullptr) {
         return;
     }

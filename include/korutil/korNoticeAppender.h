@@ -19,8 +19,8 @@ typedef struct korNoticeAppender {
 } korNoticeAppender;
 
 /// Makes an appender with a copy of `name`, which may be NULL, on an array of the caller's that outlives it; without an
-/// array notices are made and dropped. NULL after a failure (code 2, or 6 from the mutex), or for a NULL `ex`. Freed
-/// with _korNoticeAppender_Destroy.
+/// array notices are made and dropped. NULL after a failure (code 2), or for a NULL `ex`. Freed with
+/// _korNoticeAppender_Destroy.
 KOR_API korNoticeAppender* _korNoticeAppender_Create(korEx* ex, uint8_t depth, const char* name, korDpa* notices);
 
 /// Appends "2024-02-29 23:59:59.999 - warn [name]: " and the text to the array, or the same without the brackets. The

@@ -5,7 +5,12 @@
 #include "support/korTest.h"
 
 #include "korutil/korAlloc.h"
+#include "korutil/korBuffer.h"
+#include "korutil/korHash.h"
 #include "korutil/korMemReserve.h"
+#include "korutil/korPoller.h"
+#include "korutil/korSemaphore.h"
+#include "korutil/korUrl.h"
 
 #include <cstring>
 #include <thread>
@@ -127,6 +132,14 @@ TEST_F(DebugAllocatorChild, DISABLED_HitsTheLimit)
     EXPECT_RAISED(2, nullptr);
     _korMemReserve_Alloc(KOR_AT(ex, 0), 1);
     EXPECT_RAISED(16, "Reserve allocation failed");
+    for (auto create : {+[](korEx* own) -> void* { return _korUrl_Create(own, 0); },
+                        +[](korEx* own) -> void* { return _korHash_Create(own, 0, 4); },
+                        +[](korEx* own) -> void* { return _korSemaphore_CreateUnnamed(own, 0); },
+                        +[](korEx* own) -> void* { return _korPoller_CreateEx(own, 0, 1); },
+                        +[](korEx* own) -> void* { return _korBuffer_CreateWithData(own, 0, nullptr, 1); }}) {
+        EXPECT_EQ(create(ex), nullptr);
+        EXPECT_RAISED(2, nullptr); // everything above the family tells it
+    }
     give(first);
     give(take(1));
 }
