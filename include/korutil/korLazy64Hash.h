@@ -58,12 +58,14 @@ typedef struct korLazy64HashIterator {
 // ---- Making ---------------------------------------------------------------------------------------------------------
 
 /// Fills the caller's record with two pools; `cacheSize` is the size of the entry cache, as _korPoolCache_Init takes
-/// it. On an error the record is zeroed and nothing is left behind. Undone by _korLazy64Hash_DestroyPools.
+/// it. On an error the record is zeroed and nothing is left behind; with one pending it stays as it was. Undone by
+/// _korLazy64Hash_DestroyPools.
 KOR_API void _korLazy64Hash_CreatePoolsEx(korEx* ex, uint8_t depth, korLazy64HashPools* pools, int64_t cacheSize);
 /// The same with a `cacheSize` of -1.
 KOR_API void _korLazy64Hash_CreatePools(korEx* ex, uint8_t depth, korLazy64HashPools* pools);
-/// Destroys both pools, with the memory of every table that is still there: destroying such a table afterwards does
-/// nothing. NULL and a destroyed record are accepted. Works with an error pending.
+/// Destroys both pools, with the memory of every table of _korLazy64Hash_CreatePooled that is still there: such a table
+/// must not be touched afterwards, nor destroyed, and slots that it has on the heap are lost. NULL and a destroyed
+/// record are accepted. Works with an error pending.
 KOR_API void _korLazy64Hash_DestroyPools(uint8_t depth, korEx* ex, korLazy64HashPools* pools);
 
 /// Initialises a table in the caller's memory, with at least `slots` slots (rounded up to a power of two). On an error
@@ -85,8 +87,7 @@ KOR_API korLazy64Hash* _korLazy64Hash_CreatePooled(korEx* ex, uint8_t depth, kor
 /// Frees what a table in the caller's memory holds. NULL and a cleared table are accepted. Values stay the caller's.
 /// The table cannot be used again before a new _korLazy64Hash_Init. Works with an error pending.
 KOR_API void _korLazy64Hash_Clear(uint8_t depth, korEx* ex, korLazy64Hash* hash);
-/// Clears a table of _korLazy64Hash_Create and frees it; does nothing if its pools have been destroyed. NULL is
-/// accepted. Works with an error pending.
+/// Clears a table of _korLazy64Hash_Create and frees it. NULL is accepted. Works with an error pending.
 KOR_API void _korLazy64Hash_Destroy(uint8_t depth, korEx* ex, korLazy64Hash* hash);
 
 // ---- Using ----------------------------------------------------------------------------------------------------------

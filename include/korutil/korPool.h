@@ -73,7 +73,8 @@ struct korPool {
 /// and `destroyChunk` may be NULL; a chunk keeps its contents between them, across returns and gets.
 ///
 /// NULL on a failure: code 1 (no description) for a chunk size or a number of chunks below 1, a negative number of
-/// blocks, or blocks that reach 4 GiB; code 2; what `initChunk` raised. Given up with _korPool_Destroy.
+/// blocks, or blocks that reach 4 GiB; code 2; code 9 (no description) while the library opens or closes; what
+/// `initChunk` raised. Given up with _korPool_Destroy.
 KOR_API korPool* _korPool_Create(korEx* ex, uint8_t depth, int32_t chunksPerBlock, int32_t chunkSize,
                                  korPoolChunkFunction initChunk, korPoolChunkFunction destroyChunk, int32_t minBlocks,
                                  int32_t refillTarget);

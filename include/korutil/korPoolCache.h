@@ -25,8 +25,8 @@ typedef struct korPoolCache {
 } korPoolCache;
 
 /// Makes a cache in a caller's storage. `size` is the most chunks that it keeps: 0 means 256, -1 means none. It is cut
-/// to what the pool's limit leaves; a cache on a disabled pool keeps nothing. With an error pending nothing happens.
-/// Code 2. Ended with _korPoolCache_Clear, a failed one too.
+/// to what the pool's limit leaves; a cache on a disabled pool keeps nothing. With an error pending nothing happens,
+/// and there is nothing to clear. Code 2. Ended with _korPoolCache_Clear.
 KOR_API void _korPoolCache_Init(korEx* ex, uint8_t depth, korPoolCache* cache, int64_t size, korPool* pool);
 
 /// The same on the heap; NULL and code 2 if memory is short. Ended with _korPoolCache_Destroy.

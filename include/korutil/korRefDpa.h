@@ -22,7 +22,8 @@ typedef struct korRefDpa {
 /// lock.
 KOR_API void _korRefDpa_Open(korEx* ex, uint8_t depth);
 
-/// Destroys the shared pool. Part of the library's stop: no object of it may be in use. Under the library's lock.
+/// Destroys the shared pool, which otherwise lasts until the library is unloaded: no object of it may be in use. Under
+/// the library's lock.
 KOR_API void _korRefDpa_Close(uint8_t depth, korEx* ex);
 
 /// An empty counted array with one reference. `size` is the hint of _korDpa_PerformInit if there is no shared pool;
