@@ -67,7 +67,6 @@ korBitset* createSized(korEx* ex, uint8_t depth, uint64_t wordCount)
     }
     bitset->words = requestZeroed<uint64_t>(KOR_AT(ex, depth), wordCount);
     if (bitset->words == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         _kor_free(KOR_AT_D(depth, ex), bitset);
         return nullptr;
     }
@@ -138,7 +137,6 @@ void _korBitset_CopyBitset(korEx* ex, uint8_t depth, korBitset* target, const ko
     if (target->wordCount < source->wordCount) {
         void* words = granted<void>(KOR_AT(ex, depth), _kor_realloc(KOR_AT(ex, depth), target->words, bytesOf(source)));
         if (words == nullptr) {
-            KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
             return;
         }
         target->words = static_cast<uint64_t*>(words);

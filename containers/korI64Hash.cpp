@@ -119,9 +119,6 @@ korI64Entry* takeEntry(korEx* ex, uint8_t depth, korI64HashPools* pools)
 {
     void* entry = pools != nullptr ? _korPoolCache_Get(KOR_AT(ex, depth), &pools->entryCache)
                                    : request<korI64Entry>(KOR_AT(ex, depth));
-    if (entry == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
-    }
     return static_cast<korI64Entry*>(entry);
 }
 
@@ -149,15 +146,6 @@ uint32_t slotCountFor(int32_t slots)
     return count;
 }
 
-korI64Entry* allocateSlots(korEx* ex, uint8_t depth, uint32_t count)
-{
-    auto* slots = requestZeroed<korI64Entry>(KOR_AT(ex, depth), count);
-    if (slots == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
-    }
-    return slots;
-}
-
 void performInit(korEx* ex, uint8_t depth, korI64Hash* hash, int32_t slots)
 {
     *hash = {}; // a valid, empty table, and so it stays if anything below fails
@@ -172,7 +160,7 @@ void performInit(korEx* ex, uint8_t depth, korI64Hash* hash, int32_t slots)
     if (count == 0) {
         return;
     }
-    hash->slots = allocateSlots(KOR_AT(ex, depth), count);
+    hash->slots = requestZeroed<korI64Entry>(KOR_AT(ex, depth), count);
     hash->slotCount = ex->code == 0 ? count : 0;
 }
 
@@ -181,7 +169,7 @@ void performInit(korEx* ex, uint8_t depth, korI64Hash* hash, int32_t slots)
 // The entry that lay in the object becomes the first in an array of two slots.
 void growFromSingle(korEx* ex, uint8_t depth, korI64Hash* hash)
 {
-    korI64Entry* slots = allocateSlots(KOR_AT(ex, depth), 2);
+    auto* slots = requestZeroed<korI64Entry>(KOR_AT(ex, depth), 2);
     if (ex->code != 0) {
         return;
     }
@@ -214,7 +202,7 @@ bool moveEntry(korI64Hash* hash, korI64Entry* entry, bool chained)
 void doubleSlots(korEx* ex, uint8_t depth, korI64Hash* hash, korI64HashPools* pools)
 {
     korI64Hash old = *hash;
-    korI64Entry* slots = allocateSlots(KOR_AT(ex, depth), old.slotCount * 2);
+    auto* slots = requestZeroed<korI64Entry>(KOR_AT(ex, depth), old.slotCount * 2);
     size_t spareSize = old.slotCount * sizeof(korI64Entry*); // each old slot leaves one record over at most
     void* memory = ex->code == 0 ? request<void>(KOR_AT(ex, depth), spareSize) : nullptr;
     auto* spare = static_cast<korI64Entry**>(memory);
@@ -517,7 +505,6 @@ korI64Hash* _korI64Hash_Create(korEx* ex, uint8_t depth, int32_t slots)
     }
     auto* hash = requestZeroed<korI64Hash>(KOR_AT(ex, depth));
     if (hash == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
     }
     performInit(KOR_AT(ex, depth), hash, slots);

@@ -121,7 +121,6 @@ void grow(korEx* ex, uint8_t depth, korRadixHeap* heap, uint8_t count)
 {
     auto* buckets = request<korRadixBucket>(KOR_AT(ex, depth), count * sizeof(korRadixBucket));
     if (buckets == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return;
     }
     std::memcpy(buckets, heap->buckets, heap->bucketCount * sizeof(korRadixBucket));
@@ -167,7 +166,6 @@ korRadixHeap* _korRadixHeap_Create(korEx* ex, uint8_t depth, int64_t initialKey)
     }
     auto* heap = requestZeroed<korRadixHeap>(KOR_AT(ex, depth));
     if (heap == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
     }
     _korRadixHeap_Init(KOR_AT(ex, depth), heap, initialKey);
@@ -186,7 +184,6 @@ void _korRadixHeap_Init(korEx* ex, uint8_t depth, korRadixHeap* heap, int64_t in
     *heap = {};
     auto* buckets = requestZeroed<korRadixBucket>(KOR_AT(ex, depth));
     if (buckets == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return;
     }
     *heap = {.buckets = buckets, .bucketCount = 1, .lastScan = 1};

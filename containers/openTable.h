@@ -122,10 +122,7 @@ struct OpenTable {
 
     static Entry** takeBins(korEx* ex, uint8_t depth, uint64_t slots)
     {
-        auto** bins = requestZeroed<Entry*>(KOR_AT(ex, depth), slots);
-        if (bins == nullptr) {
-        }
-        return bins;
+        return requestZeroed<Entry*>(KOR_AT(ex, depth), slots);
     }
 
     /// Moves all entries to twice as many slots; false, with nothing changed, if memory is short.

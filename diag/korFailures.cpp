@@ -312,7 +312,6 @@ bool makeTable(korEx* ex, uint8_t depth)
     }
     auto* made = requestZeroed<FailureTable>(KOR_AT(ex, depth));
     if (made == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first allocation of a process fails in silence
         return false;
     }
     made->failures = _korStrHash_Create(KOR_AT(ex, depth), 16);

@@ -275,7 +275,6 @@ korPerfHist* _korPerf_CreateHist(korEx* ex, uint8_t depth, double bucketSeconds,
     }
     auto* hist = requestZeroed<korPerfHist>(KOR_AT(ex, depth));
     if (hist == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
     }
     hist->bucketTicks = wholeTicks(bucketSeconds / secondsPerTick);

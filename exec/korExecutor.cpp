@@ -24,11 +24,7 @@ void* allocateZeroed(korEx* ex, uint8_t depth, size_t count, size_t size)
     if (ex->code != 0) {
         return nullptr;
     }
-    void* memory = granted<void>(KOR_AT(ex, depth), _kor_calloc(KOR_AT(ex, depth), count, size));
-    if (memory == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
-    }
-    return memory;
+    return granted<void>(KOR_AT(ex, depth), _kor_calloc(KOR_AT(ex, depth), count, size));
 }
 
 korThreadInfo* _ThreadInfo_Create(korEx* ex, uint8_t depth)

@@ -312,7 +312,6 @@ korJob* makeSimpleJob(korEx* ex, uint8_t depth, korSimpleFunction function, void
     }
     auto* simple = request<korSimpleJob>(KOR_AT(ex, depth));
     if (simple == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
     }
     initialize(&simple->job, simpleType, _korSimpleJob_Main, nullptr, _korSimpleJob_Free);

@@ -189,7 +189,6 @@ korJobGroup* _korJobGroup_Create(korEx* ex, uint8_t depth, korExecutor* executor
     }
     auto* group = requestZeroed<korJobGroup>(KOR_AT(ex, depth));
     if (group == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
     }
     group->refCount = 1;

@@ -90,7 +90,6 @@ korThreadPool* _korThreadPool_Create(korEx* ex, uint8_t depth, korThreadFunction
     }
     auto* pool = requestZeroed<korThreadPool>(KOR_AT(ex, depth));
     if (pool == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
     }
     pool->refCount = 1;

@@ -358,7 +358,6 @@ korTimerTask* _korTimerTask_Create(korEx* ex, uint8_t depth, korTimer* timer, in
 {
     auto* task = requestZeroed<korTimerTask>(KOR_AT(ex, depth));
     if (task == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
     }
     _korJob_Recyclable(KOR_AT(ex, depth), &task->job, taskJobType, _timerTaskJobHandler, _timerTaskRecycling,

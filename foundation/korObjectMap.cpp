@@ -100,7 +100,6 @@ void addTable(korEx* ex, uint8_t depth, uint64_t index)
     }
     void* slots = requestZeroed<korObjectMapSlot>(KOR_AT(ex, depth), KOR_OBJECT_MAP_TABLE);
     if (slots == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return;
     }
     std::atomic_ref(gObjectMap[index / KOR_OBJECT_MAP_TABLE]).store(static_cast<korObjectMapSlot*>(slots));

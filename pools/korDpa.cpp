@@ -215,7 +215,6 @@ void _korDpa_PerformInit(korEx* ex, uint8_t depth, korDpa* dpa, int32_t size, ko
     void* items =
         pool != nullptr ? _korPool_Get(KOR_AT(ex, depth), pool) : request<void>(KOR_AT(ex, depth), bytesOf(capacity));
     if (items == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return;
     }
     dpa->capacity = capacity;
@@ -230,7 +229,6 @@ korDpa* _korDpa_PerformCreate(korEx* ex, uint8_t depth, int32_t size, korPool* o
     }
     void* object = objects != nullptr ? _korPool_Get(KOR_AT(ex, depth), objects) : request<korDpa>(KOR_AT(ex, depth));
     if (object == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
     }
     korDpa* dpa = static_cast<korDpa*>(object);
@@ -336,7 +334,6 @@ void _korDpa_Grow(korEx* ex, uint8_t depth, korDpa* dpa, int32_t slots)
     auto* items =
         granted<uint64_t>(KOR_AT(ex, depth), _kor_realloc(KOR_AT(ex, depth), old, bytesOf(dpa->capacity + slots)));
     if (items == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return;
     }
     if (!onHeap) {

@@ -128,7 +128,6 @@ void _korDra_PerformInit(korEx* ex, uint8_t depth, korDra* array, int32_t size, 
                                       _kor_calloc(KOR_AT(ex, depth), static_cast<size_t>(std::max(hint, slots)),
                                                   array->recordSize));
     if (bytes == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr); // the first allocation of a process fails in silence
         return;
     }
     array->capacity = static_cast<int32_t>(capacity);
@@ -145,7 +144,6 @@ korDra* _korDra_PerformCreate(korEx* ex, uint8_t depth, int32_t size, int32_t re
     }
     void* object = objects != nullptr ? _korPool_Get(KOR_AT(ex, depth), objects) : request<korDra>(KOR_AT(ex, depth));
     if (object == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
     }
     auto* array = static_cast<korDra*>(object);

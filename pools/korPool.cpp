@@ -147,8 +147,6 @@ void allocChunks(korEx* ex, uint8_t depth, korPoolBlock* block)
     if (ex->code == 0) {
         block->memory = kor::request<uint8_t>(KOR_AT(ex, depth), block->bytes);
     }
-    if (block->memory == nullptr) {
-    }
 }
 
 // A block with its memory, which is not touched here.
@@ -156,7 +154,6 @@ korPoolBlock* createBlock(korEx* ex, uint8_t depth, korPool* pool)
 {
     auto* block = kor::requestZeroed<korPoolBlock>(KOR_AT(ex, depth));
     if (block == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
     }
     block->pool = pool;
@@ -641,7 +638,6 @@ void _korPool_RegisterThread(korEx* ex, uint8_t depth, korPool* pool)
     }
     auto* thread = kor::requestZeroed<korPoolThread>(KOR_AT(ex, depth));
     if (thread == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return;
     }
     auto capacity = static_cast<int32_t>(pool->refillTarget);

@@ -72,7 +72,6 @@ korRefDpa* _korRefDpa_Create(korEx* ex, uint8_t depth, int32_t size)
     void* object =
         pool != nullptr ? _korPool_Get(KOR_AT(ex, depth), pool) : requestZeroed<korRefDpa>(KOR_AT(ex, depth));
     if (object == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return nullptr;
     }
     auto* counted = static_cast<korRefDpa*>(object);

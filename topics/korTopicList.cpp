@@ -33,11 +33,7 @@ void* takeMemory(korEx* ex, uint8_t depth, korPool* pool, size_t size)
     if (ex->code != 0) {
         return nullptr;
     }
-    void* memory =
-        pool != nullptr ? _korPool_Get(KOR_AT(ex, depth), pool) : kor::request<void>(KOR_AT(ex, depth), size);
-    if (memory == nullptr) {
-    }
-    return memory;
+    return pool != nullptr ? _korPool_Get(KOR_AT(ex, depth), pool) : kor::request<void>(KOR_AT(ex, depth), size);
 }
 
 void giveMemory(uint8_t depth, korEx* ex, korPool* pool, void* memory)
@@ -352,7 +348,6 @@ bool checkMinSize(korEx* ex, uint8_t depth, char** buffer, int32_t* size, int64_
     void* grown =
         kor::granted<void>(KOR_AT(ex, depth), _kor_realloc(KOR_AT(ex, depth), *buffer, static_cast<size_t>(wanted)));
     if (grown == nullptr) {
-        KOR_RAISE(ex, depth, KOR_ERROR_NO_MEMORY, nullptr);
         return false;
     }
     *buffer = static_cast<char*>(grown);

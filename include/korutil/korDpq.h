@@ -63,8 +63,8 @@ KOR_API int32_t _korDpq_FindOrdered(const korDpq* queue, uint64_t value, korDpqC
 KOR_API void _korDpq_AddOrderedEx(korEx* ex, uint8_t depth, korDpq* queue, uint64_t value, korDpqCompare compare,
                                   uint8_t duplicates);
 
-/// Removes the value at a ring index, which is taken modulo the capacity; the order stays. Gives the index of the value that followed it, or -1 if none
-/// did. An empty ring and an index that holds no value give -1, and nothing changes.
+/// Removes the value at a ring index, which is taken modulo the capacity; the order stays. Gives the index of the value
+/// that followed it, or -1 if none did. An empty ring and an index that holds no value give -1, and nothing changes.
 KOR_API int32_t _korDpq_Remove(korDpq* queue, int32_t index);
 
 // ---- The two ends, in line ------------------------------------------------------------------------------------------
