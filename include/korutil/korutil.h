@@ -1,4 +1,7 @@
 // korutil.h - every public header of the library.
+//
+// A pointer must not be NULL unless its function's comment says what happens then; only what destroys or releases an
+// object takes NULL everywhere, and does nothing.
 
 #ifndef KORUTIL_KORUTIL_H
 #define KORUTIL_KORUTIL_H
