@@ -1,8 +1,8 @@
 // debugAllocator.cpp - blocks with a header in front, the call paths they belong to, and the task in the background.
 //
 // A block is: the header (the size asked for, the record of its call path, and the scribble value from byte 16 to its
-// end), then the user's bytes, which with "protect" end where a page without access begins. Header fields are copied
-// bytewise, since such a block may stand at any address.
+// end), then the user's bytes. These are aligned as the heap's are, or with "protect" end where a page without access
+// begins. Header fields are copied bytewise, since they may stand at any address.
 //
 // One spinning lock covers tables, queues and records. What they allocate goes by the allocator's own exception object,
 // by which isInside knows the call.
@@ -11,7 +11,6 @@
 
 #include "foundation/debugConfiguration.h"
 #include "foundation/memCount.h"
-#include "foundation/unload.h"
 #include "korutil/korAlloc.h"
 #include "korutil/korDpa.h"
 #include "korutil/korDpq.h"
@@ -64,8 +63,6 @@ korDpq* heldSizes;      // their bytes,
 korDpq* heldSince;      // and the tick at which each was freed
 size_t page;
 int64_t tick;
-std::atomic<bool> backgroundEnds = false;
-void* backgroundThread;
 
 class LockHold
 {
@@ -153,14 +150,26 @@ void* takeProtected(uint64_t size)
     return start + whole - page - size;
 }
 
+// Header and what stands before it, so that the user's bytes keep the heap's alignment.
+size_t lead()
+{
+    constexpr size_t alignment = 16;
+    return (configuration.backset + alignment - 1) / alignment * alignment;
+}
+
 void* takePlain(uint64_t size)
 {
-    auto* start = static_cast<uint8_t*>(malloc(size + configuration.backset));
+    auto* start = static_cast<uint8_t*>(malloc(size + lead()));
     demand(start != nullptr, "out of memory");
     if (configuration.scribble) {
-        memset(start, freshByte, size + configuration.backset);
+        memset(start, freshByte, size + lead());
     }
-    return start + configuration.backset;
+    return start + lead();
+}
+
+void givePlain(void* block)
+{
+    free(static_cast<uint8_t*>(block) - lead());
 }
 
 void testUnderrun(void* block)
@@ -186,7 +195,7 @@ public:
             objects++;
         }
         if (objects > inPlaceObjects) {
-            frames_ = static_cast<korKeyFrame*>(malloc(objects * KOR_MAX_FRAMES * sizeof(korKeyFrame)));
+            frames_ = static_cast<korKeyFrame*>(malloc(objects * framesOfObject * sizeof(korKeyFrame)));
             demand(frames_ != nullptr, "out of memory");
         }
         _korEx_ToKey(ex, depth, frames_, &size_, &hash_);
@@ -210,8 +219,9 @@ public:
     uint32_t hash() const { return hash_; }
 
 private:
+    static constexpr size_t framesOfObject = KOR_MAX_FRAMES + 1; // with the one that joins it to the next
     static constexpr size_t inPlaceObjects = 4;
-    korKeyFrame inPlace_[inPlaceObjects * KOR_MAX_FRAMES];
+    korKeyFrame inPlace_[inPlaceObjects * framesOfObject];
     korKeyFrame* frames_ = inPlace_;
     uint32_t size_ = 0;
     uint32_t hash_ = 0;
@@ -363,10 +373,10 @@ void report()
 
 // ---- The background -------------------------------------------------------------------------------------------------
 
-void background()
+[[noreturn]] void background()
 {
     int64_t lastReport = 0;
-    while (!backgroundEnds.load()) {
+    for (;;) {
         platform::sleepMilliseconds(static_cast<uint32_t>(configuration.wakeMilliseconds));
         LockHold held;
         tick++;
@@ -386,23 +396,15 @@ uint32_t backgroundTask(void*)
     KOR_EX_LOCAL(own);
     _korThread_SetCurrentName(KOR_AT(&own, 0), "tMemDbgBgT - Memory Debug configuration background tasks");
     background();
-    return 0;
 }
-
-void endBackground()
-{
-    backgroundEnds.store(true);
-    platform::threadJoin(&backgroundThread);
-    platform::threadClose(&backgroundThread);
-}
-
-UnloadStep endsBackground = {endBackground, nullptr};
 
 void startBackground()
 {
+    void* thread;
     uint32_t id;
-    demand(platform::threadStart(backgroundTask, nullptr, 0, &backgroundThread, &id), "no background thread");
-    atUnload(endsBackground);
+    demand(platform::keepLoaded(), "the library cannot be kept loaded");
+    demand(platform::threadStart(backgroundTask, nullptr, 0, &thread, &id), "no background thread");
+    platform::threadClose(&thread);
 }
 
 // ---- Setting up -----------------------------------------------------------------------------------------------------
@@ -547,7 +549,7 @@ void release(void* block)
         takeFromStack(storedStack(block), size);
     }
     if (!configuration.protect) {
-        free(headerOf(block));
+        givePlain(block);
         return;
     }
     Pages pages = pagesOf(block);

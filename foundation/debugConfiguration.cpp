@@ -87,14 +87,11 @@ void readHold(const char* text, Configuration& configuration)
     }
 }
 
-// Memory keeps its alignment behind the header.
 void readBackset(const char* text, Configuration& configuration)
 {
-    constexpr uint64_t alignment = 16;
     constexpr long long most = 1 << 20;
     if (const char* value = findValue(text, "backset=")) {
-        auto wanted = static_cast<uint64_t>(std::clamp<long long>(atoll(value), 0, most));
-        configuration.backset += (wanted + alignment - 1) / alignment * alignment;
+        configuration.backset += static_cast<uint64_t>(std::clamp<long long>(atoll(value), 0, most));
     }
 }
 

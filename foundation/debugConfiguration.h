@@ -16,7 +16,7 @@ struct Configuration {
     bool changedOnly = false; ///< reports leave out call paths whose count is the same as in the last one
     bool upOnly = false;      ///< ... or has not risen
     bool maxOnly = false;     ///< ... or is not the highest so far
-    uint64_t backset = 16;    ///< bytes in front of a block, a multiple of 16
+    uint64_t backset = 16;    ///< bytes of header in front of a block
     int64_t displayBytes = 8000;
     int64_t displayCount = INT32_MAX;
     int64_t wakeMilliseconds = 250; ///< the background task's period

@@ -18,6 +18,9 @@ void watchEnd();
 bool watchThreads();    ///< called once, before the first thread is watched; false if the system has no room
 bool watchThisThread(); ///< has the calling thread's end told; false if the system has no room
 
+/// Keeps the library in the process until its end, for threads that never leave it; false if the system refuses.
+bool keepLoaded();
+
 /// True if `function` is a part of the library itself, and not of a module that uses it.
 bool isLibraryCode(const void* function);
 

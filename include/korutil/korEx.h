@@ -232,7 +232,7 @@ KOR_API int32_t _korEx_OsErrorString(char* buffer, int32_t size, int32_t osError
 // ---- Call keys ------------------------------------------------------------------------------------------------------
 
 /// Collects the call path of a healthy object as a key: the frames from `depth` - 1 down to `baseDepth`, then along the
-/// chain. `key` needs room for 255 records for each object of the chain. `*size` becomes the bytes written, `*hash` a
+/// chain. `key` needs room for 256 records for each object of the chain. `*size` becomes the bytes written, `*hash` a
 /// hash of the records that is never 0xFFFFFFFF. Keys hold pointers: they are valid within this process only.
 KOR_API void _korEx_ToKey(const korEx* ex, uint32_t depth, korKeyFrame* key, uint32_t* size, uint32_t* hash);
 

@@ -1,7 +1,7 @@
 // korText.h - bounded text: copies that always terminate, formatting that reports a usable length, conversions.
 //
-// None of these takes a korEx; they report by the result. A `length` of 0 means "measure the source"; a source of NULL
-// is empty. Any thread.
+// None of these takes a korEx; they report by the result. A `length` of 0 means "measure the source"; then a
+// source of NULL is empty. Any thread.
 
 #ifndef KORUTIL_KORTEXT_H
 #define KORUTIL_KORTEXT_H

@@ -4,6 +4,7 @@
 #include "platform/entry.h"
 
 #include <cstdint>
+#include <dlfcn.h>
 #include <pthread.h>
 
 // The module's first and last bytes, as the linker knows them.
@@ -70,6 +71,13 @@ bool watchThreads()
 bool watchThisThread()
 {
     return pthread_setspecific(endKey, &endKey) == 0; // any value but NULL
+}
+
+bool keepLoaded()
+{
+    Dl_info self;
+    return dladdr(__ehdr_start, &self) != 0 &&
+           dlopen(self.dli_fname, RTLD_NOW | RTLD_NOLOAD | RTLD_NODELETE) != nullptr;
 }
 
 bool isLibraryCode(const void* function)

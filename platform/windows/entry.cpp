@@ -34,6 +34,13 @@ bool watchThisThread()
     return true; // all of them are
 }
 
+bool keepLoaded()
+{
+    HMODULE self;
+    return GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                              reinterpret_cast<LPCSTR>(&__ImageBase), &self) != 0;
+}
+
 bool isLibraryCode(const void* function)
 {
     auto address = reinterpret_cast<uintptr_t>(function);

@@ -182,7 +182,7 @@ TEST(DebugAllocator, FindsWhatItIsThereFor)
 
 TEST(DebugAllocator, LeavesWellBehavedProgramsAlone)
 {
-    for (const char* configuration : {"double-free", "protect,double-free,timing=1:2:3", "backset=16,no-scribble",
+    for (const char* configuration : {"double-free", "protect,double-free,timing=1:2:3", "backset=5,no-scribble",
                                       "no-track,double-free", "max-only,timing=1:1:1,display-threshold=0"}) {
         Outcome good = run("BehavesWell", configuration);
         EXPECT_EQ(good.exitCode, 0) << configuration << '\n' << good.output;
@@ -217,7 +217,7 @@ TEST(DebugAllocator, SaysWhatItWasTold)
 {
     Outcome told = run("BehavesWell", "help;double-free;backset=3;timing=1:2:3;free-hold=2;excess=4000");
     EXPECT_TRUE(told.says("Settings for KOR_MEM_DEBUG_CONF:\n\tno-track   ")) << told.output;
-    EXPECT_TRUE(told.says("KOR_MEM_DEBUG_CONF=\"double-free, backset=16, display-threshold=8000, "
+    EXPECT_TRUE(told.says("KOR_MEM_DEBUG_CONF=\"double-free, backset=3, display-threshold=8000, "
                           "display-count-threshold=2147483647, free-hold=2, changed-only=false, excess=4000, "
                           "up-only=false, max-only=false, timing=1:2001:3 milliseconds, "
                           "fail-alloc-above=18446744073709551615\n"

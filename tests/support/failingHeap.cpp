@@ -169,6 +169,12 @@ const char* __tsan_default_options()
 {
     return "allocator_may_return_null=1";
 }
+
+// What the dynamic linker keeps of a library that stays. It is known for the linker's by its caller, which is us.
+const char* __lsan_default_suppressions()
+{
+    return "leak:_dl_map_object_deps";
+}
 }
 
 // The heap behind this one: a sanitizer's if the program has one, else the C library's.

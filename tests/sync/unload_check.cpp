@@ -1,11 +1,13 @@
 // unload_check.cpp - loads the library, uses it from several threads, unloads it, a hundred times over. Some threads
 // outlive every unloading, some end right after one. Nothing may crash, and under a leak checker nothing may be lost.
-// A program of its own, since one that is linked to the library cannot unload it. Argument: the library's path.
+// A program of its own, since one that is linked to the library cannot unload it. Arguments: the library's path, and
+// "debug" for the same under the debug allocator.
 
 #include "korutil/korLib.h"
 #include "korutil/korLogger.h"
 #include "korutil/korMemReserve.h"
 #include "korutil/korPool.h"
+#include "korutil/korProcess.h"
 #include "korutil/korThread.h"
 #include "korutil/korThreadLocal.h"
 #include "support/meeting.h"
@@ -132,11 +134,30 @@ void lastingLife(kor::test::Barrier& step, int lastRound)
     step.arrive_and_drop();
 }
 
+// The debug allocator's thread never leaves the library, so the library stays.
+int staysUnderDebugAllocator(const char* path)
+{
+    KOR_EX_LOCAL(ex);
+    library = loadModule(path);
+    expect(library != nullptr && LIB(_kor_setenv)("KOR_MEM_DEBUG_CONF", "double-free,timing=5000:1:1") == 0,
+           "no variable");
+    expect(unloadModule(library) && !isLoaded(path), "cannot unload before an allocation");
+    load(path);
+    useLibrary(nullptr);
+    LIB(_korPool_Destroy)(0, &ex, pool);
+    LIB(_korutil_Close)(0, &ex);
+    expect(unloadModule(library) && isLoaded(path), "the debug allocator's library is gone");
+    return failures == 0 ? 0 : 1;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
     const char* path = argc > 1 ? argv[1] : "korutil.dll";
+    if (argc > 2) {
+        return staysUnderDebugAllocator(path);
+    }
     kor::test::Barrier step(lastingThreads + 1);
     std::vector<std::jthread> lasting;
     for (int i = 0; i < lastingThreads; i++) {
