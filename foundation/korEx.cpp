@@ -11,6 +11,7 @@
 #include "korutil/korThread.h"
 #include "platform/error.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 
@@ -87,10 +88,18 @@ uint32_t frameSpan(const korEx* ex)
     return ex->frameCount > ex->baseDepth ? static_cast<uint32_t>(ex->frameCount - ex->baseDepth) : 0;
 }
 
-// Frames of `ex->next` that count when `ex` is the one before it.
+// One past the deepest frame of `ex->next` that counts when `ex` is the one before it. With an error pending in it no
+// calls are recorded, so that they may end before the join.
+uint32_t linkEnd(const korEx* ex)
+{
+    return ex->next->code != 0 ? std::min(ex->chainDepth, ex->next->frameCount) : ex->chainDepth;
+}
+
+// How many they are.
 uint32_t linkSpan(const korEx* ex)
 {
-    return ex->chainDepth > ex->next->baseDepth ? static_cast<uint32_t>(ex->chainDepth - ex->next->baseDepth) : 0;
+    uint32_t end = linkEnd(ex);
+    return end > ex->next->baseDepth ? end - ex->next->baseDepth : 0;
 }
 
 // Copies the trace of `from` behind what `to` has recorded up to the join.
@@ -196,7 +205,7 @@ void writeTrace(TextWriter& text, const korEx* ex)
         if (ex->chainFunction != nullptr) {
             text.addFrame({ex->chainFunction, ex->chainLine});
         }
-        text.addFrames(ex->next, ex->chainDepth, ex->next->baseDepth);
+        text.addFrames(ex->next, linkEnd(ex), ex->next->baseDepth);
     }
 }
 
@@ -506,7 +515,7 @@ void _korEx_ToKey(const korEx* ex, uint32_t depth, korKeyFrame* key, uint32_t* s
         if (ex->chainFunction != nullptr) {
             writer.add(ex->chainFunction, ex->chainLine);
         }
-        writer.addFrames(ex->next, ex->chainDepth, ex->next->baseDepth);
+        writer.addFrames(ex->next, kor::linkEnd(ex), ex->next->baseDepth);
     }
     *size = writer.size();
     *hash = writer.hash();

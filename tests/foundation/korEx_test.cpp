@@ -117,6 +117,23 @@ TEST_F(KorExTest, ChainOfThreeCarriesTheJoiningFrames)
     ex->osError = 0;
 }
 
+// Calls below a pending error are not recorded: the trace of what fails among them goes on where that error was raised.
+TEST_F(KorExTest, ErrorBesideAPendingOneSkipsWhatWasNotRecorded)
+{
+    korEx_at(ex, 0, "outermost", 10);
+    ex->frames[2] = {"left over", 1};
+    _korEx_SetException(ex, KOR_ERROR_NOT_FOUND, nullptr, 0, "pending", 20, 1);
+    KOR_EX_PRIVATE(own, ex, 5);
+    korKeyFrame key[2 * (KOR_MAX_FRAMES + 1)];
+    uint32_t size, hash;
+    _korEx_ToKey(korEx_at(&own, 5, "aside", 30), 6, key, &size, &hash);
+    EXPECT_EQ(size, 3 * sizeof(korKeyFrame));
+    _korEx_SetException(&own, 77, "bottom", 0, "innermost", 40, 6);
+    EXPECT_TRUE(describe(&own).ends_with("\t\tinnermost, 40\n\t\taside, 30\n\t\tpending, 20\n\t\toutermost, 10\n"))
+        << describe(&own);
+    EXPECT_RAISED(KOR_ERROR_NOT_FOUND, nullptr);
+}
+
 TEST_F(KorExTest, WordsOfTheCodes)
 {
     std::string words;
