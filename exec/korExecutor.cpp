@@ -192,13 +192,13 @@ void disableCounters(korExecutor* executor)
     KOR_ATOMIC_STORE_RELAXED(&executor->cancelCounts, nullptr);
 }
 
-uint64_t counted(korEx* ex, uint64_t* const& counters, uint32_t type)
+uint64_t counted(const korEx* ex, const korExecutor* executor, uint64_t* korExecutor::*counters, uint32_t type)
 {
-    uint64_t* present = KOR_ATOMIC_LOAD_ACQUIRE(&counters);
-    if (ex->code != 0 || present == nullptr || type >= KOR_JOB_TYPES) {
+    if (ex->code != 0 || type >= KOR_JOB_TYPES) {
         return 0;
     }
-    return KOR_ATOMIC_LOAD(&present[type]);
+    const uint64_t* present = KOR_ATOMIC_LOAD_ACQUIRE(&(executor->*counters));
+    return present != nullptr ? KOR_ATOMIC_LOAD(&present[type]) : 0;
 }
 
 } // namespace
@@ -348,15 +348,15 @@ void _korExecutor_SetCountersEnabled(korEx* ex, uint8_t depth, korExecutor* exec
 
 uint64_t _korExecutor_StartCountForType(korEx* ex, uint8_t, korExecutor* executor, uint32_t type)
 {
-    return counted(ex, executor->startCounts, type);
+    return counted(ex, executor, &korExecutor::startCounts, type);
 }
 
 uint64_t _korExecutor_FinishCountForType(korEx* ex, uint8_t, korExecutor* executor, uint32_t type)
 {
-    return counted(ex, executor->finishCounts, type);
+    return counted(ex, executor, &korExecutor::finishCounts, type);
 }
 
 uint64_t _korExecutor_CancelCountForType(korEx* ex, uint8_t, korExecutor* executor, uint32_t type)
 {
-    return counted(ex, executor->cancelCounts, type);
+    return counted(ex, executor, &korExecutor::cancelCounts, type);
 }

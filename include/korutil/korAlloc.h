@@ -121,10 +121,11 @@ KOR_INLINE void* _kor_realloc(korEx* ex, uint8_t depth, void* pointer, size_t si
 KOR_INLINE char* _kor_strdup(korEx* ex, uint8_t depth, const char* text)
 {
     void* result;
-    size_t size = strlen(text) + 1;
+    size_t size;
     if (KOR_UNLIKELY(!KOR_ATOMIC_LOAD_RELAXED(&gMemNoDebug))) {
         return _kor_strdupDebug(KOR_AT(ex, depth), text);
     }
+    size = strlen(text) + 1;
     KOR_HEAP_REQUEST(result, malloc(size))
     return result == NULL ? NULL : (char*)memcpy(result, text, size);
 }
