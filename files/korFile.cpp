@@ -6,9 +6,11 @@
 #include "korutil/korAlloc.h"
 #include "korutil/korRand.h"
 #include "korutil/korText.h"
+#include "korutil/korThread.h"
 #include "platform/error.h"
 #include "platform/file.h"
 #include "platform/stream.h"
+#include "sync/mutexGuard.h"
 
 #include <atomic>
 #include <cstring>
@@ -55,6 +57,30 @@ void makeOne(korEx* ex, uint8_t depth, const char* path)
         KOR_RAISE(ex, depth, KOR_ERROR_FILE_IO, "File exists but is not a directory");
     }
 }
+
+// The mask is the process's: two threads that clear it at once would put each other's 0 back.
+korThreadOnce maskOnce;
+korMutex maskMutex;
+
+void initMaskMutex()
+{
+    KOR_EX_LOCAL(ex);
+    _korMutex_Init(KOR_AT(&ex, 0), &maskMutex);
+}
+
+// While it lasts, directories are made with all rights for everybody.
+class ClearedMask
+{
+public:
+    ClearedMask() : guard_(&maskMutex), before_(platform::setFileMask(0)) {}
+    ~ClearedMask() { platform::setFileMask(before_); }
+    ClearedMask(const ClearedMask&) = delete;
+    ClearedMask& operator=(const ClearedMask&) = delete;
+
+private:
+    MutexGuard guard_;
+    int32_t before_;
+};
 
 char* skipSeparators(char* path)
 {
@@ -255,14 +281,14 @@ void _korFile_MkDir(korEx* ex, uint8_t depth, const char* path, uint8_t recursiv
     if (kind == platform::PathKind::directory) {
         return;
     }
-    int32_t mask = platform::setFileMask(0);
+    _korThread_Once(KOR_AT(ex, depth), &maskOnce, initMaskMutex);
+    ClearedMask cleared;
     if (recursive != 0 && kind == platform::PathKind::missing) {
         makeParents(KOR_AT(ex, depth), path);
     }
     if (ex->code == 0) {
         makeOne(KOR_AT(ex, depth), path);
     }
-    platform::setFileMask(mask);
 }
 
 void _korFile_RmDir(korEx* ex, uint8_t depth, const char* path)
@@ -315,17 +341,18 @@ void _korFile_MakeTempFileName(korEx* ex, uint8_t depth, char* buffer)
 const char* _korFile_GetTempKorDir(void)
 {
     constexpr uint32_t longest = 260;
+    constexpr char name[] = "kor";
     const char* present = std::atomic_ref(temporaryPlace).load();
     if (present != nullptr) {
         return present;
     }
     char path[longest];
     uint32_t length = platform::temporaryDirectory(path, sizeof path);
-    if (length == 0 || length >= sizeof path) {
+    if (length == 0 || length + sizeof name > sizeof path) {
         return nullptr;
     }
     KOR_EX_LOCAL(ex);
-    _korFile_AppendPath(KOR_AT(&ex, 0), path, sizeof path, "kor", 0);
+    _korFile_AppendPath(KOR_AT(&ex, 0), path, sizeof path, name, 0);
     return install(KOR_AT(&ex, 0), temporaryPlace, freesPlace, path);
 }
 

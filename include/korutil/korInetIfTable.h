@@ -33,9 +33,9 @@ typedef struct korInetIfRec {
 
 /// Makes the table if there is none, and gives it and its count; both outs may be NULL. The addresses that the
 /// machine's own name resolves to come first, in the resolver's order, then the others that are up and no loopback, in
-/// the system's, and "loopback" last; 32 records at most. While the machine's own address is missing (a network that is
-/// still coming up), the table is made anew every 100 milliseconds, 50 times at most. Any thread. Errors: 6, with the
-/// system's number; 2; there is no table then.
+/// the system's, and "loopback" last; 32 records at most. If the name resolves to nothing, all are in the system's
+/// order. While the machine's own address is missing (a network that is still coming up), the table is made anew every
+/// 100 milliseconds, 50 times at most. Any thread. Errors: 6, with the system's number; 2; there is no table then.
 KOR_API void _korInetIfTable_Create(korEx* ex, uint8_t depth, const korInetIfRec** table, uint32_t* count);
 
 /// Frees the table, at the end of the process: nobody may look anything up any more. Works with an error pending.

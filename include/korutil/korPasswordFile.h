@@ -21,7 +21,7 @@ KOR_API void _korPasswordFile_GetUsernamePassword(korEx* ex, uint8_t depth, cons
 
 /// Reads the one-value form and takes the white space off its two ends. Code 16: "password file PATH is too large
 /// (limit SIZE bytes)" for a file of `size` bytes or more, "password mangling is not supported" if it begins with the
-/// marker. Code 15 if a read fails, code 2. After a failure the buffer is zeroed.
+/// marker. Code 15 if a read fails, code 2. After these the buffer is zeroed; a file that cannot be opened leaves it.
 KOR_API void _korPasswordFile_GetPassword(korEx* ex, uint8_t depth, const char* path, char* buffer, int32_t size);
 
 KOR_END_DECLS

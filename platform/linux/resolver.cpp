@@ -11,6 +11,9 @@ const int32_t resolverTryAgain = EAI_AGAIN;
 
 int32_t resolve(const char* host, const char* service, const addrinfo* hints, addrinfo** list)
 {
+    if (isStrayNumber(service, hints)) {
+        return EAI_SERVICE;
+    }
     addrinfo asked = *hints;
     if ((asked.ai_flags & AI_NUMERICHOST) != 0) {
         asked.ai_flags &= ~AI_ADDRCONFIG; // ::1 would not be found where loopback is the only IPv6 interface

@@ -9,7 +9,7 @@ const int32_t resolverTryAgain = WSATRY_AGAIN;
 
 int32_t resolve(const char* host, const char* service, const addrinfo* hints, addrinfo** list)
 {
-    return getaddrinfo(host, service, hints, list);
+    return isStrayNumber(service, hints) ? EAI_SERVICE : getaddrinfo(host, service, hints, list);
 }
 
 void freeResolved(addrinfo* list)

@@ -234,6 +234,32 @@ TEST_F(KorFileTest, DirectoriesAreMadeAWholePathAtATime)
     EXPECT_FALSE(std::filesystem::exists(deep));
 }
 
+// The file mask is one for all threads.
+TEST_F(KorFileTest, ThreadsThatMakeDirectoriesLeaveTheMask)
+{
+#ifdef _WIN32
+    auto setMask = [](int mask) { return _umask(mask); };
+    constexpr int mask = _S_IWRITE;
+#else
+    auto setMask = [](unsigned mask) { return umask(mask); };
+    constexpr unsigned mask = 027;
+#endif
+    auto before = setMask(mask);
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 4; i++) {
+        threads.emplace_back([made = path(std::to_string(i))] {
+            KOR_EX_LOCAL(own);
+            for (int round = 0; round < 200; round++) {
+                _korFile_MkDir(&own, 0, made.c_str(), 0);
+                _korFile_RmDir(&own, 0, made.c_str());
+            }
+            EXPECT_EQ(own.code, 0);
+        });
+    }
+    threads.clear();
+    EXPECT_EQ(setMask(before), mask);
+}
+
 TEST_F(KorFileTest, AWalkYieldsPlainFiles)
 {
     char name[64];

@@ -55,6 +55,17 @@ TEST_F(KorHostResolutionsTest, NumericHosts)
     }
 }
 
+// The systems' resolvers would take its low 16 bits.
+TEST_F(KorHostResolutionsTest, ANumberBeyondThePortsIsNoService)
+{
+    for (const char* service : {"65536", "70000", "4294967376", "-1"}) {
+        EXPECT_EQ(_korHostResolutions_Create(ex, 0, "127.0.0.1", service, 0, SOCK_STREAM), nullptr) << service;
+        EXPECT_EQ(ex->code, KOR_ERROR_OS) << service;
+        EXPECT_EQ(ex->osError, EAI_SERVICE) << service;
+        korEx_Clear(ex);
+    }
+}
+
 TEST_F(KorHostResolutionsTest, ThisMachine)
 {
     char name[256];
