@@ -13,13 +13,21 @@ namespace kor {
 /// The component of all statements of this room.
 inline constexpr uint8_t executorComponent = 5;
 
-/// Makes the key under which a runner keeps the job that it runs. Called as the global executors open. Without the key
-/// no thread has an active job.
-void openActiveJob(korEx* ex, uint8_t depth);
+/// What a runner's thread is at.
+struct ActiveRunner {
+    korExecutor* executor;
+    korJob* job; // whose main function runs, or NULL
+};
+
+/// Makes the key under which a runner's thread finds what it is at. Called as the global executors open. Without the
+/// key no thread is known for a runner.
+void openActiveRunner(korEx* ex, uint8_t depth);
 /// Gives the key back; jobs that run on see nothing of it.
-void closeActiveJob(uint8_t depth, korEx* ex);
-/// Tells where the calling thread keeps the job that it runs; NULL for nowhere. Costs a read once it is known.
-void keepActiveJob(korEx* ex, uint8_t depth, korJob** storage);
+void closeActiveRunner(uint8_t depth, korEx* ex);
+/// Makes the calling thread that runner; NULL for none. Costs a read once it is known.
+void keepActiveRunner(korEx* ex, uint8_t depth, ActiveRunner* runner);
+/// The runner that the calling thread is, NULL if it is none: also while a job is freed or recycled.
+const ActiveRunner* activeRunner();
 
 /// Sets after how many milliseconds a job is reported. Code 10 "Cannot set Warn on task duration for an executor after
 /// it has been started or stopped."; code 1 "Cannot set Warn on task duration to a negative value..". The value is
@@ -45,6 +53,9 @@ bool isSimpleJob(const korJob* job);
 
 /// Waits like _korCondition_TimedWait; the limit has 64 bits, all ones for none. True if the time ran out.
 bool waitWithLimit(uint8_t depth, korEx* ex, korCondition* condition, korMutex* mutex, uint64_t timeout);
+
+/// Of `korJob.runnerHas`: what a runner has to do with the job yet, whatever its state says.
+enum RunnerHas : uint8_t { runnerHasNothing = 0, runnerTellsEnd = 1, runnerWillTake = 2 };
 
 inline uint64_t stateOf(const korJob* job)
 {

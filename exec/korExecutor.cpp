@@ -130,8 +130,8 @@ void startRunners(korEx* ex, uint8_t depth, korExecutor* executor)
 
 bool runsHere(const korExecutor* executor)
 {
-    korJob* job = _korJob_GetActiveJob(nullptr);
-    return job != nullptr && job->executor == executor;
+    const ActiveRunner* runner = activeRunner();
+    return runner != nullptr && runner->executor == executor;
 }
 
 // A runner must not sleep for the mutex: whoever stops the executor holds it, and waits for the runner. False if

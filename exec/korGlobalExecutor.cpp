@@ -136,15 +136,15 @@ void _destroyGlobalExecutor(uint8_t depth, korEx* ex, korExecutor* executor)
 
 // A job finds its own executor without the lock, which is held while that executor is stopped: the stop waits for the
 // job, and the job must not wait for the stop.
-korExecutor* executorOfThisJob(ExecutorSlot& slot)
+korExecutor* executorOfThisThread(ExecutorSlot& slot)
 {
-    korJob* job = _korJob_GetActiveJob(nullptr);
-    return job != nullptr && job->executor == slot.peek() ? job->executor : nullptr;
+    const ActiveRunner* runner = activeRunner();
+    return runner != nullptr && runner->executor == slot.peek() ? runner->executor : nullptr;
 }
 
 korExecutor* getExecutor(uint8_t depth, korEx* ex, ExecutorSlot& slot)
 {
-    korExecutor* executor = executorOfThisJob(slot);
+    korExecutor* executor = executorOfThisThread(slot);
     if (executor != nullptr) {
         _korExecutor_Retain(KOR_AT_D(depth, ex), executor);
         return executor;
@@ -209,14 +209,14 @@ void _korExecutor_Open(korEx* ex, uint8_t depth)
 {
     _initGlobalExecutor(KOR_AT(ex, depth), internalSlot, clearsInternal, internalName, internalThreads);
     _initGlobalExecutor(KOR_AT(ex, depth), userSlot, clearsUser, userName, userThreads);
-    openActiveJob(KOR_AT(ex, depth));
+    openActiveRunner(KOR_AT(ex, depth));
 }
 
-void _korExecutor_Close(uint8_t depth, korEx* ex)
+void _korExecutor_Close(korEx* ex, uint8_t depth)
 {
     internalSlot.close(KOR_AT_D(depth, ex), _destroyGlobalExecutor);
     userSlot.close(KOR_AT_D(depth, ex), _destroyGlobalExecutor);
-    closeActiveJob(KOR_AT_D(depth, ex));
+    closeActiveRunner(KOR_AT_D(depth, ex));
 }
 
 korExecutor* _korExecutor_GetGlobal(uint8_t depth, korEx* ex)

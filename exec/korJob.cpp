@@ -27,7 +27,7 @@ constexpr uint64_t creatorsIsQueues = 0;
 
 constexpr char notRunning[] = "Executor is not running, is stopping or has been stopped";
 
-int32_t activeJobKey = 0; // atomic
+int32_t activeRunnerKey = 0; // atomic
 
 // ---- The life of a job ----------------------------------------------------------------------------------------------
 
@@ -41,6 +41,19 @@ void initialize(korJob* job, int32_t type, korJobFunction mainFunction, korJobRe
     job->recycleFunction = recycleFunction;
     job->type = type;
     setState(job, KOR_JOB_INITIALIZED);
+}
+
+// A forgotten job that was cancelled is processed at once, but a queue that holds it must not get it again.
+bool beginReset(korJob* job)
+{
+    if (!moveState(job, KOR_JOB_PROCESSED, KOR_JOB_FREE)) {
+        return false;
+    }
+    if (KOR_ATOMIC_LOAD_ACQUIRE(&job->runnerHas) == runnerWillTake) {
+        setState(job, KOR_JOB_PROCESSED);
+        return false;
+    }
+    return true;
 }
 
 void dropRun(uint8_t depth, korEx* ex, korJob* job)
@@ -129,6 +142,7 @@ void enqueue(korEx* ex, uint8_t depth, korExecutor* executor, korJob* job, uint6
     job->executor = executor;
     job->runAndForget = references == creatorsIsQueues;
     KOR_ATOMIC_STORE_RELAXED(&job->waitState, nobodyWaits);
+    KOR_ATOMIC_STORE_RELAXED(&job->runnerHas, runnerWillTake);
     setState(job, KOR_JOB_QUEUED);
     countJob(executor->startCounts, job->type);
     hostileYield();
@@ -276,21 +290,21 @@ void _notifyJobGet(uint8_t depth, korEx* ex, korJob* job, bool done)
     }
     // Whoever sees the new state may fetch the job, reset it and run it again. The reset waits for this to be over,
     // else the hand-shake would be taken for one of the next run.
-    KOR_ATOMIC_STORE_RELAXED(&job->notifying, 1);
+    KOR_ATOMIC_STORE_RELAXED(&job->runnerHas, runnerTellsEnd);
     setState(job, KOR_JOB_DONE);
     hostileYield();
     wakeWaiter(KOR_AT_D(depth, ex), job);
-    KOR_ATOMIC_STORE_RELEASE(&job->notifying, 0);
+    KOR_ATOMIC_STORE_RELEASE(&job->runnerHas, runnerHasNothing);
 }
 
 void _notifyJobOfGroupGet(uint8_t depth, korEx* ex, korJob* job)
 {
-    KOR_ATOMIC_STORE_RELAXED(&job->notifying, 1);
+    KOR_ATOMIC_STORE_RELAXED(&job->runnerHas, runnerTellsEnd);
     setState(job, KOR_JOB_DONE);
     if (KOR_ATOMIC_LOAD(&job->waitState) != nobodyWaits) {
         wakeWaiter(KOR_AT_D(depth, ex), job);
     }
-    KOR_ATOMIC_STORE_RELEASE(&job->notifying, 0);
+    KOR_ATOMIC_STORE_RELEASE(&job->runnerHas, runnerHasNothing);
 }
 
 bool waitWithLimit(uint8_t depth, korEx* ex, korCondition* condition, korMutex* mutex, uint64_t timeout)
@@ -325,26 +339,31 @@ bool isSimpleJob(const korJob* job)
     return job->mainFunction == _korSimpleJob_Main;
 }
 
-// ---- The active job -------------------------------------------------------------------------------------------------
+// ---- The active runner ----------------------------------------------------------------------------------------------
 
-void openActiveJob(korEx* ex, uint8_t depth)
+void openActiveRunner(korEx* ex, uint8_t depth)
 {
-    KOR_ATOMIC_STORE(&activeJobKey, _korThreadLocal_Create(KOR_AT(ex, depth), nullptr));
+    KOR_ATOMIC_STORE(&activeRunnerKey, _korThreadLocal_Create(KOR_AT(ex, depth), nullptr));
 }
 
-void closeActiveJob(uint8_t depth, korEx* ex)
+void closeActiveRunner(uint8_t depth, korEx* ex)
 {
-    _korThreadLocal_Destroy(KOR_AT_D(depth, ex), KOR_ATOMIC_EXCHANGE(&activeJobKey, 0));
+    _korThreadLocal_Destroy(KOR_AT_D(depth, ex), KOR_ATOMIC_EXCHANGE(&activeRunnerKey, 0));
 }
 
 // The value is the place, not the job: a set takes a lock, and jobs change all the time.
-void keepActiveJob(korEx* ex, uint8_t depth, korJob** storage)
+void keepActiveRunner(korEx* ex, uint8_t depth, ActiveRunner* runner)
 {
-    int32_t key = KOR_ATOMIC_LOAD_RELAXED(&activeJobKey);
-    auto value = reinterpret_cast<uint64_t>(storage);
+    int32_t key = KOR_ATOMIC_LOAD_RELAXED(&activeRunnerKey);
+    auto value = reinterpret_cast<uint64_t>(runner);
     if (key != 0 && _korThreadLocal_Get(key) != value) {
         _korThreadLocal_Set(KOR_AT(ex, depth), key, value);
     }
+}
+
+const ActiveRunner* activeRunner()
+{
+    return reinterpret_cast<ActiveRunner*>(_korThreadLocal_Get(KOR_ATOMIC_LOAD_RELAXED(&activeRunnerKey)));
 }
 
 } // namespace kor
@@ -353,8 +372,8 @@ using namespace kor;
 
 korJob* _korJob_GetActiveJob(korEx*)
 {
-    auto* storage = reinterpret_cast<korJob**>(_korThreadLocal_Get(KOR_ATOMIC_LOAD_RELAXED(&activeJobKey)));
-    return storage != nullptr ? *storage : nullptr;
+    const ActiveRunner* runner = activeRunner();
+    return runner != nullptr ? runner->job : nullptr;
 }
 
 void _korJob_Init(korEx* ex, uint8_t depth, korJob* job, int32_t type, korJobFunction mainFunction,
@@ -376,12 +395,12 @@ void _korJob_Reset(korEx* ex, uint8_t depth, korJob* job)
     if (ex->code != 0) {
         return;
     }
-    if (!moveState(job, KOR_JOB_PROCESSED, KOR_JOB_FREE)) {
+    if (!beginReset(job)) {
         KOR_RAISE(ex, depth, KOR_ERROR_ILLEGAL_STATE,
                   "Illegal to call _korJob_Reset() on a job that has not been fully processed");
         return;
     }
-    spinUntil([&] { return KOR_ATOMIC_LOAD_ACQUIRE(&job->notifying) == 0; });
+    spinUntil([&] { return KOR_ATOMIC_LOAD_ACQUIRE(&job->runnerHas) != runnerTellsEnd; });
     _jobReset(KOR_AT_D(depth, ex), job);
 }
 

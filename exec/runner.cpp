@@ -21,7 +21,7 @@ struct Runner {
     korExecutor* executor;
     korThreadInfo* info;
     int32_t spinCount;
-    korJob* active;
+    ActiveRunner active;
     korLogSource source;
     korEx own;
     korEx forJobs;
@@ -30,7 +30,7 @@ struct Runner {
 void prepare(Runner* runner, korExecutor* executor)
 {
     runner->executor = executor;
-    runner->active = nullptr;
+    runner->active = {.executor = executor, .job = nullptr};
     korEx_initHead(&runner->own, nullptr, 0, 1);
     korEx_initHead(&runner->forJobs, &runner->own, 0, 1);
     for (korFrame& frame : runner->forJobs.frames) {
@@ -141,17 +141,14 @@ void dropOwnFailure(Runner* runner)
 
 void runJob(Runner* runner, korJob* job)
 {
-    keepActiveJob(KOR_AT(&runner->own, 1), &runner->active);
-    runner->active = job;
+    runner->active.job = job;
     callMain(runner, job);
-    runner->active = nullptr;
+    runner->active.job = nullptr;
     if (KOR_UNLIKELY(runner->forJobs.code != 0)) {
         keepFailure(runner, job);
     }
     countJob(runner->executor->finishCounts, job->type);
     announceEnd(runner, job);
-    _korJob_Release(KOR_AT_D(1, &runner->own), job);
-    dropOwnFailure(runner);
 }
 
 // ---- The queue ------------------------------------------------------------------------------------------------------
@@ -164,6 +161,19 @@ korJob* takeJob(Runner* runner)
         return nullptr;
     }
     return static_cast<korJob*>(_korFastQueue_Pop(KOR_AT(&runner->own, 1), queue));
+}
+
+// One that was cancelled is only given up.
+void serveJob(Runner* runner, korJob* job)
+{
+    keepActiveRunner(KOR_AT(&runner->own, 1), &runner->active);
+    bool runs = moveState(job, KOR_JOB_QUEUED, KOR_JOB_RUNNING);
+    KOR_ATOMIC_STORE_RELEASE(&job->runnerHas, runnerHasNothing); // from here on it may be reset, and queued anew
+    if (runs) {
+        runJob(runner, job);
+    }
+    _korJob_Release(KOR_AT_D(1, &runner->own), job);
+    dropOwnFailure(runner);
 }
 
 // From then on nobody pushes: a run that saw the executor running has ended, a later one finds it stopping.
@@ -181,11 +191,7 @@ bool serveQueue(Runner* runner)
         hostileYield();
         if (job != nullptr) {
             misses = 0;
-            if (moveState(job, KOR_JOB_QUEUED, KOR_JOB_RUNNING)) {
-                runJob(runner, job);
-            } else {
-                _korJob_Release(KOR_AT_D(1, &runner->own), job); // it was cancelled
-            }
+            serveJob(runner, job);
         } else if (last) {
             return false;
         } else if (++misses >= runner->spinCount) {
@@ -247,7 +253,7 @@ uint64_t job_runner(void* argument)
     while (serveQueue(&runner)) {
         sleepUntilWoken(&runner);
     }
-    keepActiveJob(KOR_AT(&runner.own, 0), nullptr); // what ends with the thread must not look into this frame
+    keepActiveRunner(KOR_AT(&runner.own, 0), nullptr); // what ends with the thread must not look into this frame
     _ThreadInfo_Release(KOR_AT_D(0, &runner.own), runner.info);
     _korExecutor_Release(KOR_AT_D(0, &runner.own), runner.executor);
     return 0;

@@ -89,7 +89,7 @@ void stopSubsystems(uint8_t depth, korEx* ex)
     _korRand_Close(KOR_AT_D(depth, ex));
     _korBuffer_DestroyPool(KOR_AT(ex, depth));
     _korTimer_Close(KOR_AT_D(depth, ex));
-    _korExecutor_Close(KOR_AT_D(depth, ex));
+    _korExecutor_Close(KOR_AT(ex, depth));
     _korFailures_Close(KOR_AT_D(depth, ex));
     _korAffinity_Close(KOR_AT_D(depth, ex));
     _korEx_Close(KOR_AT(ex, depth));

@@ -28,6 +28,7 @@ namespace {
 
 constexpr int attempts = 2;
 constexpr uint64_t neverFilled = UINT64_MAX; // a value that is no emptied slot's
+constexpr uint64_t nobodysTurn = UINT64_MAX; // a sequence that no position has
 
 uint64_t load(uint64_t& word)
 {
@@ -166,6 +167,7 @@ int32_t _korRQueue_SeqPush(korRQueue* queue, uint64_t value)
         return KOR_RQUEUE_FULL;
     }
     KOR_INVARIANT(load(slot->sequence) == position - queue->slotCount);
+    store(slot->sequence, nobodysTurn); // who still looks for the last round must not take the new value for the old
     store(slot->value, value);
     hostileYield();
     store(slot->sequence, position); // only now is the value a consumer's: it comes after
@@ -179,6 +181,7 @@ KOR_WIDE_SWAP int32_t _korRQueue_Pop(korRQueue* queue, uint64_t* value)
     for (int attempt = 0; attempt < attempts; attempt++) {
         uint64_t position = load(queue->popPosition);
         korRQueueSlot* slot = &queue->popRing[position & queue->popMask];
+        hostileYield();
         uint64_t found = load(slot->value);
         if (found == 0) {
             fullBarrier();

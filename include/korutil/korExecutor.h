@@ -86,7 +86,7 @@ struct korJob {
     korExecutor* executor;                 ///< from the run on; holds a reference
     uint64_t waitState;                    ///< atomic: the hand-shake between the waiter and the runner
     uint8_t runAndForget;                  ///< 1 = nobody will fetch it
-    uint8_t notifying;                     ///< atomic: 1 = the runner still tells of the end
+    uint8_t runnerHas;                     ///< atomic: 1 = the runner still tells of the end, 2 = a queue holds the job
 };
 
 /// A job of a function and a closure, which the library makes and frees.
@@ -146,9 +146,9 @@ KOR_API bool _korExecutor_Release(uint8_t depth, korEx* ex, korExecutor* executo
 /// executor has then failed for good.
 KOR_API void _korExecutor_Start(korEx* ex, uint8_t depth, korExecutor* executor);
 
-/// Takes no more jobs, runs all that are queued, and waits for the runners. A runner may call it, and is not waited
-/// for: if it is the last one left, it runs what is queued when it comes back to it. Does nothing unless the executor
-/// runs. NULL is accepted.
+/// Takes no more jobs, runs all that are queued, and waits for the runners. A runner may call it while the library is
+/// open, and is not waited for: if it is the last one left, it runs what is queued when it comes back to it. Does
+/// nothing unless the executor runs. NULL is accepted.
 KOR_API void _korExecutor_Stop(uint8_t depth, korEx* ex, korExecutor* executor);
 
 /// Sets the number of runners. Code 10 "Cannot set the pool size for an executor after it has been started or
@@ -185,7 +185,7 @@ KOR_API void _korJob_Recyclable(korEx* ex, uint8_t depth, korJob* job, int32_t t
                                 korJobRecycleFunction recycleFunction, korJobFunction freeFunction);
 
 /// Makes a job that was fetched ready to be run again. Code 10 "Illegal to call _korJob_Reset() on a job that has not
-/// been fully processed".
+/// been fully processed": so is one that was cancelled and forgotten as long as it is in the queue.
 KOR_API void _korJob_Reset(korEx* ex, uint8_t depth, korJob* job);
 
 /// Adds a reference. NULL is accepted. Works with an error pending.
@@ -242,8 +242,8 @@ KOR_API bool _korJob_IsCancelled(korEx* ex, uint8_t depth, korJob* job);
 /// Makes the two executors: "giExecutor" with 4 runners for internal work and "guExecutor" with 1 for users' code, as
 /// KOR_EXEC_CONF says. Called as the library starts.
 KOR_API void _korExecutor_Open(korEx* ex, uint8_t depth);
-/// Runs what is queued, stops the two and ends them. Called as the library stops.
-KOR_API void _korExecutor_Close(uint8_t depth, korEx* ex);
+/// Runs what is queued, stops the two and ends them. Called as the library stops. Works with an error pending.
+KOR_API void _korExecutor_Close(korEx* ex, uint8_t depth);
 
 /// "giExecutor" with a reference for the caller. NULL if the library is not open; NULL and code 9 without description
 /// while it closes.

@@ -23,6 +23,7 @@ using Work = std::function<void(korEx*, uint8_t)>;
 struct TestJob {
     korJob job;
     Work work;
+    Work atFree;
     std::atomic<int> freed = 0;
     bool takeBack = false;
 };
@@ -35,9 +36,13 @@ void runWork(korEx* ex, uint8_t depth, korJob* job)
     }
 }
 
-void countFree(korEx*, uint8_t, korJob* job)
+void countFree(korEx* ex, uint8_t depth, korJob* job)
 {
-    reinterpret_cast<TestJob*>(job)->freed++;
+    auto* test = reinterpret_cast<TestJob*>(job);
+    if (test->atFree) {
+        test->atFree(ex, depth);
+    }
+    test->freed++;
 }
 
 bool takeBack(korEx*, uint8_t, korJob* job)
@@ -199,6 +204,58 @@ TEST_F(KorExecutorTest, CancelInEachState)
     EXPECT_EQ(cancel(dropped, 1), nullptr);
     EXPECT_EQ(referencesOf(dropped), 1u);
     EXPECT_TRUE(release(job) && release(dropped));
+}
+
+// A cancelled job stays in the queue until a runner comes to it, and must not get there twice.
+TEST_F(KorExecutorTest, AForgottenJobThatWasCancelledIsResetOnceTheQueueHasLetItGo)
+{
+    start();
+    block();
+    TestJob job;
+    init(job);
+    _korJob_Retain(KOR_AT_D(0, ex), &job.job);
+    _korJob_Retain(KOR_AT_D(0, ex), &job.job);
+    _korJob_RunAndForget(KOR_AT(ex, 0), executor, &job.job);
+    EXPECT_EQ(cancel(job), &job.job);
+    EXPECT_EQ(stateOf(job), uint64_t{KOR_JOB_PROCESSED});
+    _korJob_Reset(KOR_AT(ex, 0), &job.job);
+    EXPECT_RAISED(KOR_ERROR_ILLEGAL_STATE,
+                  "Illegal to call _korJob_Reset() on a job that has not been fully processed");
+    letGo();
+    EXPECT_EQ(stateOf(job), uint64_t{KOR_JOB_PROCESSED});
+    _korJob_Reset(KOR_AT(ex, 0), &job.job);
+    EXPECT_EQ(stateOf(job), uint64_t{KOR_JOB_INITIALIZED});
+    EXPECT_TRUE(release(job));
+}
+
+TEST_F(KorExecutorTest, AFreeFunctionMayRaiseAndMayStopTheExecutor)
+{
+    start();
+    block();
+    TestJob raises, stops, last;
+    std::atomic<bool> stopping = false;
+    raises.atFree = [](korEx* jobEx, uint8_t depth) { KOR_RAISE(jobEx, depth, KOR_ERROR_FILE_IO, nullptr); };
+    stops.atFree = [&](korEx*, uint8_t) {
+        KOR_EX_LOCAL(own);
+        while (KOR_ATOMIC_LOAD(&executor->state) != KOR_EXECUTOR_STOPPING) {
+            std::this_thread::yield();
+        }
+        _korExecutor_Stop(KOR_AT_D(0, &own), executor); // beside the other one, which waits for this thread
+        stopping = true;
+    };
+    for (TestJob* job : {&raises, &stops, &last}) {
+        init(*job);
+        run(*job);
+    }
+    cancel(raises);
+    EXPECT_FALSE(release(raises)); // the runner drops the last reference, and so frees it
+    cancel(stops);
+    EXPECT_FALSE(release(stops));
+    letGo();
+    EXPECT_TRUE(stopping);
+    EXPECT_TRUE(raises.freed == 1 && stops.freed == 1);
+    EXPECT_EQ(get(last), &last.job); // a stop runs what is queued
+    EXPECT_TRUE(release(last));
 }
 
 TEST_F(KorExecutorTest, AWaiterHearsOfACancel)

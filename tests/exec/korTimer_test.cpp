@@ -433,7 +433,7 @@ TEST_F(KorGlobalTimerTest, IsTheLibrarys)
     _korExecutor_Open(KOR_AT(ex, 0));
     _korTimer_Open(KOR_AT(ex, 0));
     _korTimer_Close(KOR_AT_D(0, ex));
-    _korExecutor_Close(KOR_AT_D(0, ex));
+    _korExecutor_Close(KOR_AT(ex, 0));
     EXPECT_CLEAN();
     _korutil_Open(KOR_AT(ex, 0), KORUTIL_LEVEL); // the first timer of a process is held for good, by counted arrays
     _korutil_Close(KOR_AT_D(0, ex));
